@@ -1,0 +1,98 @@
+// Tracing. Each source file owns one trace handle named after the file, created on first use:
+//
+//   constexpr auto trace = Zel::traceHandle<"ReviewTimer">;
+//   ...
+//   if (auto t = Zel::TraceHelper(trace(), 7)) t << "ReviewTimer scheduling at " << now;
+//
+// A statement whose level is disabled costs the one branch: nothing is formatted or allocated.
+// Levels run from 0 (most important) to 9 (most detail); a handle at level L writes statements
+// of level L and below.
+//
+// Levels come from the environment variable KIV_TRACE, read once when a handle is first made:
+// a comma-separated list of name=level entries, where the name is a handle name or "*" for every
+// handle (KIV_TRACE="*=1,ReviewTimer=9"). Lines go to standard error, or to the file named by
+// KIV_TRACE_FILE. Each line reads "<handle>[<level>] <text> (<file>:<line> <function>)".
+#pragma once
+
+#include <algorithm>
+#include <cstddef>
+#include <iosfwd>
+#include <memory>
+#include <source_location>
+#include <sstream>
+#include <string>
+#include <string_view>
+
+namespace Zel {
+
+class TraceHandle {
+public:
+  static constexpr int disabled = -1;
+  static constexpr int maxLevel = 9;
+
+  explicit TraceHandle(std::string name);
+
+  std::string const& name() const noexcept { return name_; }
+  int level() const noexcept { return level_; }
+  void levelIs(int level) noexcept { level_ = level; }
+  bool enabled(int level) const noexcept { return level <= level_; }
+
+  // Writes one finished trace line.
+  void trace(int level, std::string_view text, char const* file, unsigned line,
+             char const* function) const;
+
+private:
+  std::string name_;
+  int level_;
+};
+
+// Where trace lines go; null restores the default (KIV_TRACE_FILE or standard error).
+void traceSinkIs(std::ostream* sink);
+
+// A handle name as a template argument, so each name gets one lazily created handle.
+template <std::size_t N>
+struct TraceName {
+  constexpr TraceName(char const (&text)[N]) { std::copy_n(text, N, chars); }
+  char chars[N];
+};
+
+template <TraceName name>
+TraceHandle& traceHandle() {
+  static TraceHandle handle(name.chars);
+  return handle;
+}
+
+// One trace statement: true when its level is enabled; text streamed into it is written as one
+// line when it goes out of scope.
+class TraceHelper {
+public:
+  TraceHelper(TraceHandle const& handle, int level,
+              std::source_location where = std::source_location::current())
+      : handle_(handle), level_(level), where_(where) {
+    if (handle.enabled(level)) text_ = std::make_unique<std::ostringstream>();
+  }
+  TraceHelper(TraceHelper const&) = delete;
+  TraceHelper& operator=(TraceHelper const&) = delete;
+  ~TraceHelper() {
+    if (text_) {
+      handle_.trace(level_, text_->view(), where_.file_name(), where_.line(),
+                    where_.function_name());
+    }
+  }
+
+  explicit operator bool() const noexcept { return text_ != nullptr; }
+
+  template <class T>
+  TraceHelper& operator<<(T const& value) {
+    if (text_) *text_ << value;
+    return *this;
+  }
+
+private:
+  TraceHandle const& handle_;
+  int level_;
+  std::source_location where_;
+  std::unique_ptr<std::ostringstream> text_;
+};
+
+}  // namespace Zel

@@ -1,0 +1,197 @@
+// The value-type frame.
+//
+// A value type lists its fields once, in declaration order, as a static table of name, accessor
+// and mutator:
+//
+//   class UniqueId : public Zel::Value<UniqueId> {
+//   public:
+//     U32 timestamp() const { return timestamp_; }
+//     void timestampIs(U32 v) { timestamp_ = v; }
+//     ...
+//     static constexpr auto zelFields() {
+//       return Zel::valueFields("Kiv::UniqueId",
+//                               Zel::field("timestamp", &UniqueId::timestamp, &UniqueId::timestampIs),
+//                               ...);
+//     }
+//   };
+//
+// From that table the runtime derives equality, the hash, the string form and its parser, the
+// attribute-log reader and writer, and the reflection record. Fields are written through their
+// mutators, so a parsed or logged value passes the same range checks as a set one.
+//
+// String form: a type whose only field is named "value" prints as that field alone; any other
+// prints as Value('<type>', ** {'<field>': <value>, ...}) with each field in its own form.
+#pragma once
+
+#include <Zel/NboAttrLog.h>
+#include <Zel/Strep.h>
+
+#include <cstddef>
+#include <functional>
+#include <ostream>
+#include <string>
+#include <string_view>
+#include <tuple>
+#include <type_traits>
+#include <utility>
+
+namespace Zel {
+
+template <class Get, class Set>
+struct Field {
+  char const* name;
+  Get get;
+  Set set;
+};
+
+// One field: its name, its accessor and its mutator (member function pointers).
+template <class Get, class Set>
+constexpr Field<Get, Set> field(char const* name, Get get, Set set) {
+  return {name, get, set};
+}
+
+template <class... F>
+struct ValueFields {
+  char const* typeName;
+  std::tuple<F...> fields;
+  static constexpr std::size_t size = sizeof...(F);
+};
+
+template <class... F>
+constexpr ValueFields<F...> valueFields(char const* typeName, F... fields) {
+  return {typeName, {fields...}};
+}
+
+template <class T>
+concept ValueType = requires { T::zelFields().typeName; };
+
+template <class T, class F>
+using FieldType = std::remove_cvref_t<std::invoke_result_t<decltype(F::get), T const&>>;
+
+// Calls f(field) for each field of T in declaration order.
+template <ValueType T, class Visitor>
+constexpr void forEachField(Visitor&& visit) {
+  std::apply([&](auto const&... f) { (visit(f), ...); }, T::zelFields().fields);
+}
+
+template <ValueType T>
+constexpr bool printsAsSingleValue() {
+  constexpr auto spec = T::zelFields();
+  return spec.size == 1 && std::string_view(std::get<0>(spec.fields).name) == "value";
+}
+
+// Hash of any key: value types combine the hashes of their fields.
+template <class T>
+struct Hash {
+  std::size_t operator()(T const& value) const noexcept {
+    if constexpr (ValueType<T>) {
+      std::size_t seed = 0;
+      forEachField<T>([&](auto const& f) {
+        using V = FieldType<T, std::remove_cvref_t<decltype(f)>>;
+        seed ^= Hash<V>()(std::invoke(f.get, value)) + 0x9e3779b97f4a7c15ull + (seed << 6) +
+                (seed >> 2);
+      });
+      return seed;
+    } else {
+      return std::hash<T>()(value);
+    }
+  }
+};
+
+// CRTP base of value types: brings equality and the stream operator into the type's scope.
+template <class T>
+class Value {
+public:
+  static std::string zelTypeName() { return T::zelFields().typeName; }
+
+  // Field-wise equality; a type that defines its own operator== takes precedence.
+  friend bool operator==(Value const& a, Value const& b) {
+    bool equal = true;
+    forEachField<T>([&](auto const& f) {
+      equal = equal && std::invoke(f.get, a.self()) == std::invoke(f.get, b.self());
+    });
+    return equal;
+  }
+  friend std::ostream& operator<<(std::ostream& out, Value const& v) {
+    return out << valueToStrep(v.self());
+  }
+
+private:
+  T const& self() const { return static_cast<T const&>(*this); }
+};
+
+template <ValueType T>
+void printStrep(std::string& out, T const& value) {
+  if constexpr (printsAsSingleValue<T>()) {
+    printStrep(out, std::invoke(std::get<0>(T::zelFields().fields).get, value));
+  } else {
+    out += "Value(";
+    printStrep(out, std::string_view(T::zelFields().typeName));
+    out += ", ** {";
+    bool first = true;
+    forEachField<T>([&](auto const& f) {
+      if (!first) out += ", ";
+      first = false;
+      printStrep(out, std::string_view(f.name));
+      out += ": ";
+      printStrep(out, std::invoke(f.get, value));
+    });
+    out += "})";
+  }
+}
+
+template <ValueType T>
+char const* sequenceToValue(char const* begin, char const* end, T* out) {
+  T value{};
+  StrepReader reader(begin, end, T::zelTypeName());
+  auto readField = [&](auto const& f) {
+    using V = FieldType<T, std::remove_cvref_t<decltype(f)>>;
+    std::invoke(f.set, value, reader.template read<V>());
+  };
+  if constexpr (printsAsSingleValue<T>()) {
+    readField(std::get<0>(T::zelFields().fields));
+  } else {
+    reader.expect("Value(");
+    if (reader.template read<String>() != T::zelFields().typeName) reader.fail();
+    reader.expect(",");
+    reader.expect("**");
+    reader.expect("{");
+    bool first = true;
+    forEachField<T>([&](auto const& f) {
+      if (!first) reader.expect(",");
+      first = false;
+      if (reader.template read<String>() != f.name) reader.fail();
+      reader.expect(":");
+      readField(f);
+    });
+    reader.expect("}");
+    reader.expect(")");
+  }
+  *out = std::move(value);
+  return reader.position();
+}
+
+}  // namespace Zel
+
+namespace Zel::NboAttrLog {
+
+template <ValueType T>
+Out& operator<<(Out& out, T const& value) {
+  forEachField<T>([&](auto const& f) { out << std::invoke(f.get, value); });
+  return out;
+}
+
+// Reads every field before storing any, so a short log leaves `value` unchanged.
+template <ValueType T>
+In& operator>>(In& in, T& value) {
+  T read{};
+  forEachField<T>([&](auto const& f) {
+    FieldType<T, std::remove_cvref_t<decltype(f)>> fieldValue{};
+    in >> fieldValue;
+    std::invoke(f.set, read, std::move(fieldValue));
+  });
+  value = std::move(read);
+  return in;
+}
+
+}  // namespace Zel::NboAttrLog
