@@ -93,9 +93,13 @@ void checkReinstantiation(C const& present, A const&... args) {
   std::apply([&](auto const&... p) { (compare(p, args) && ...); }, params);
 }
 
+class ActivityManager;
+
 class Notifier : public PtrInterface {
 public:
   NotifieeList& zelNotifiees() const noexcept { return notifiees_; }
+  // The activity (event loop) this entity's handlers run on: the calling thread's.
+  Ptr<ActivityManager> zelFwkActivity() const;
 
 protected:
   Notifier() = default;
