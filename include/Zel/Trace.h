@@ -18,7 +18,6 @@
 #include <cstddef>
 #include <iosfwd>
 #include <memory>
-#include <source_location>
 #include <sstream>
 #include <string>
 #include <string_view>
@@ -66,17 +65,17 @@ TraceHandle& traceHandle() {
 // line when it goes out of scope.
 class TraceHelper {
 public:
-  TraceHelper(TraceHandle const& handle, int level,
-              std::source_location where = std::source_location::current())
-      : handle_(handle), level_(level), where_(where) {
+  // The defaults capture the statement's own file, line and function.
+  TraceHelper(TraceHandle const& handle, int level, char const* file = __builtin_FILE(),
+              unsigned line = __builtin_LINE(), char const* function = __builtin_FUNCTION())
+      : handle_(handle), level_(level), file_(file), line_(line), function_(function) {
     if (handle.enabled(level)) text_ = std::make_unique<std::ostringstream>();
   }
   TraceHelper(TraceHelper const&) = delete;
   TraceHelper& operator=(TraceHelper const&) = delete;
   ~TraceHelper() {
     if (text_) {
-      handle_.trace(level_, text_->view(), where_.file_name(), where_.line(),
-                    where_.function_name());
+      handle_.trace(level_, text_->view(), file_, line_, function_);
     }
   }
 
@@ -91,7 +90,9 @@ public:
 private:
   TraceHandle const& handle_;
   int level_;
-  std::source_location where_;
+  char const* file_;
+  unsigned line_;
+  char const* function_;
   std::unique_ptr<std::ostringstream> text_;
 };
 
