@@ -78,7 +78,10 @@ private:
   }
 
   void arm(NotifieeConst& n) const;
+  // Moves an armed notifiee to its new timeMin, as if it were armed anew.
+  void rearm(NotifieeConst& n) const noexcept;
   void unarm(NotifieeConst& n) const noexcept;
+  void resift(std::size_t index) const noexcept;
   void place(std::size_t index, Slot slot) const noexcept;
   void siftUp(std::size_t index) const noexcept;
   void siftDown(std::size_t index) const noexcept;

@@ -21,9 +21,15 @@ void Clock::NotifieeConst::notifierIs(Ptr<Clock const> const& clock) {
 
 void Clock::NotifieeConst::timeMinIs(Seconds t) {
   ZEL_ASSERT(!std::isnan(t));
-  if (armed()) clock_->unarm(*this);
   timeMin_ = t;
-  if (clock_ && t != endOfTime) clock_->arm(*this);
+  if (!clock_) return;
+  if (t == endOfTime) {
+    if (armed()) clock_->unarm(*this);
+  } else if (armed()) {
+    clock_->rearm(*this);
+  } else {
+    clock_->arm(*this);
+  }
 }
 
 void Clock::place(std::size_t index, Slot slot) const noexcept {
@@ -62,6 +68,22 @@ void Clock::arm(NotifieeConst& n) const {
   siftUp(heap_.size() - 1);
 }
 
+void Clock::rearm(NotifieeConst& n) const noexcept {
+  n.armOrder_ = nextOrder_++;
+  Slot& slot = heap_[n.heapIndex_];
+  slot.time = n.timeMin_;
+  slot.order = n.armOrder_;
+  resift(n.heapIndex_);
+}
+
+void Clock::resift(std::size_t index) const noexcept {
+  if (index > 0 && before(heap_[index], heap_[(index - 1) / 2])) {
+    siftUp(index);
+  } else {
+    siftDown(index);
+  }
+}
+
 void Clock::unarm(NotifieeConst& n) const noexcept {
   std::size_t const index = n.heapIndex_;
   n.heapIndex_ = NotifieeConst::notInHeap;
@@ -69,11 +91,7 @@ void Clock::unarm(NotifieeConst& n) const noexcept {
   heap_.pop_back();
   if (index == heap_.size()) return;
   place(index, last);
-  if (index > 0 && before(last, heap_[(index - 1) / 2])) {
-    siftUp(index);
-  } else {
-    siftDown(index);
-  }
+  resift(index);
 }
 
 std::size_t Clock::doFireDue(Seconds now) {
