@@ -85,4 +85,19 @@ private:
   U8 const* end_;
 };
 
+// Enumerations travel as their underlying integer.
+template <class E>
+  requires std::is_enum_v<E>
+Out& operator<<(Out& out, E value) {
+  return out << static_cast<std::underlying_type_t<E>>(value);
+}
+template <class E>
+  requires std::is_enum_v<E>
+In& operator>>(In& in, E& value) {
+  std::underlying_type_t<E> raw;
+  in >> raw;
+  value = static_cast<E>(raw);
+  return in;
+}
+
 }  // namespace Zel::NboAttrLog

@@ -15,7 +15,12 @@
 #include <Zel/String.h>
 #include <Zel/Types.h>
 
+#include <algorithm>
+#include <array>
+#include <cctype>
 #include <concepts>
+#include <cstddef>
+#include <utility>
 #include <string>
 #include <string_view>
 #include <type_traits>
@@ -69,22 +74,90 @@ char const* sequenceToValue(char const* begin, char const* end, double* out);
 char const* sequenceToValue(char const* begin, char const* end, String* out);
 char const* sequenceToValue(char const* begin, char const* end, Name* out);
 
+// ---- Enumerations -------------------------------------------------------------------------------
+//
+// An enumeration takes part in string forms, parsing, the attribute log and reflection once it
+// names its type and enumerators with a zelEnumInfo overload beside it (found by lookup in the
+// enumeration's namespace):
+//
+//   enum class XactResult : U32 { xactInProgress, xactSuccess, xactFailure };
+//   constexpr auto zelEnumInfo(XactResult) {
+//     return Zel::enumInfo<XactResult>("Kiv::XactResult", {{XactResult::xactInProgress, "xactInProgress"},
+//                                                          {XactResult::xactSuccess, "xactSuccess"},
+//                                                          {XactResult::xactFailure, "xactFailure"}});
+//   }
+//
+// The string form is the enumerator's name; the attribute log holds the underlying integer.
+
+template <class E, std::size_t N>
+struct EnumInfo {
+  char const* typeName;
+  std::array<std::pair<E, char const*>, N> names;
+};
+
+template <class E, std::size_t N>
+constexpr EnumInfo<E, N> enumInfo(char const* typeName,
+                                  std::pair<E, char const*> const (&names)[N]) {
+  EnumInfo<E, N> info{typeName, {}};
+  std::copy(names, names + N, info.names.begin());
+  return info;
+}
+
+template <class E>
+concept EnumType = std::is_enum_v<E> && requires(E e) { zelEnumInfo(e).typeName; };
+
+// The enumerator's name, or its number when it has none.
+template <EnumType E>
+std::string enumName(E value) {
+  for (auto const& [e, name] : zelEnumInfo(E{}).names) {
+    if (e == value) return name;
+  }
+  return std::to_string(static_cast<std::underlying_type_t<E>>(value));
+}
+
+template <EnumType E>
+void printStrep(std::string& out, E value) {
+  out += enumName(value);
+}
+
+[[noreturn]] void throwDeserializing(std::string const& typeName);
+
+// Reads an enumerator's name: the longest run of identifier characters.
+template <EnumType E>
+char const* sequenceToValue(char const* begin, char const* end, E* out) {
+  char const* after = begin;
+  while (after < end && (std::isalnum(static_cast<unsigned char>(*after)) || *after == '_')) {
+    ++after;
+  }
+  std::string_view const word(begin, std::size_t(after - begin));
+  for (auto const& [e, name] : zelEnumInfo(E{}).names) {
+    if (word == name) {
+      *out = e;
+      return after;
+    }
+  }
+  throwDeserializing(zelEnumInfo(E{}).typeName);
+}
+
+// The name used in parse messages: the scalar name, the enumeration's name, or the value
+// type's own zelTypeName().
+template <class T>
+std::string strepTypeName() {
+  if constexpr (requires { T::zelTypeName(); }) {
+    return T::zelTypeName();
+  } else if constexpr (EnumType<T>) {
+    return zelEnumInfo(T{}).typeName;
+  } else {
+    return scalarTypeName<T>();
+  }
+}
+
 // The string form of any value that has a printStrep overload (scalars, value types, enums).
 template <class T>
 String valueToStrep(T const& value) {
   std::string out;
   printStrep(out, value);
   return String(std::move(out));
-}
-
-// The name used in parse messages: the scalar name, or the type's own zelTypeName().
-template <class T>
-std::string strepTypeName() {
-  if constexpr (requires { T::zelTypeName(); }) {
-    return T::zelTypeName();
-  } else {
-    return scalarTypeName<T>();
-  }
 }
 
 template <class T>
@@ -96,8 +169,6 @@ T strepToValue(std::string_view text) {
   }
   return value;
 }
-
-[[noreturn]] void throwDeserializing(std::string const& typeName);
 
 // A cursor over string-form text for the hand-written parts of parsers.
 class StrepReader {
