@@ -104,14 +104,16 @@ public:
 protected:
   Notifier() = default;
 
-  // Calls `handler` with `args` on every registered notifiee. The notifier keeps itself alive
-  // for the visit, so a handler may drop the last outside reference to it.
+  // Calls `handler` with `args` on every registered notifiee. A handler may drop the last
+  // reference to the notifier: its destruction waits until the visit is over.
   template <class N, class... P, class... A>
   void notify(void (N::*handler)(P...), A const&... args) const {
     if (notifiees_.empty() || !hasNotificationActive()) return;
-    Ptr<Notifier const> self(this);
+    DeferredDestruction guard(*this);
     notifiees_.doVisit([&](PtrInterface::NotifieeConst& n) { (static_cast<N&>(n).*handler)(args...); });
   }
+
+  void handleZeroRef() const noexcept override;
 
   template <class V, class N>
   void attributeIs(V& field, V const& value, void (N::*handler)()) {
@@ -155,7 +157,19 @@ protected:
   }
 
 private:
+  class DeferredDestruction {
+  public:
+    explicit DeferredDestruction(Notifier const& notifier) noexcept : notifier_(notifier) {}
+    ~DeferredDestruction() { notifier_.endVisit(); }
+
+  private:
+    Notifier const& notifier_;
+  };
+
+  void endVisit() const noexcept;
+
   mutable NotifieeList notifiees_;
+  mutable bool zeroRefDuringVisit_ = false;
 };
 
 }  // namespace Zel

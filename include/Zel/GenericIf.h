@@ -45,6 +45,14 @@ void printStrep(std::string& out, Ptr<T> const& value) {
 }
 
 enum class AttributeKind { constructorParameter, scalar, collection, computed, field };
+constexpr auto zelEnumInfo(AttributeKind) {
+  return enumInfo<AttributeKind>("Zel::AttributeKind",
+                                 {{AttributeKind::constructorParameter, "constructorParameter"},
+                                  {AttributeKind::scalar, "scalar"},
+                                  {AttributeKind::collection, "collection"},
+                                  {AttributeKind::computed, "computed"},
+                                  {AttributeKind::field, "field"}});
+}
 
 class GenericIf {
 public:
@@ -72,7 +80,8 @@ public:
   static GenericIf const* type(std::string_view name);
   // Every registered type name, sorted.
   static std::vector<std::string> typeNames();
-  // Registers `record` unless its name is taken, and returns the record in force.
+  // Registers `record`; a second record under one name is a fatal error, since two classes
+  // would then answer to one type name.
   static GenericIf const& typeIs(std::unique_ptr<GenericIf> record);
 
   std::string const& name() const noexcept { return name_; }
@@ -94,7 +103,7 @@ public:
   void attributeEntryDel(PtrInterface& object, std::string_view name, String const& key) const;
 
   // Calls the factory with `args` in constructor-parameter order. Each argument is either the
-  // parameter's own type or a String in its string form.
+  // parameter's own type or its string form, as a String or a char const*.
   Ptr<PtrInterface> genericIfFromCtorArgs(std::vector<std::any> const& args) const;
 
   // Value types: parses `text` and prints the value back in its string form.
@@ -219,6 +228,7 @@ template <class V>
 V argument(std::any const& arg) {
   if (auto const* direct = std::any_cast<V>(&arg)) return *direct;
   if (auto const* text = std::any_cast<String>(&arg)) return strepToValue<V>(text->view());
+  if (auto const* text = std::any_cast<char const*>(&arg)) return strepToValue<V>(*text);
   throw RangeException("Generic argument is neither " + strepTypeName<V>() + " nor its string form");
 }
 
@@ -314,6 +324,10 @@ std::unique_ptr<GenericIf> valueRecord() {
 }  // namespace detail
 
 // The record of T (an entity with zelAttributes() or a value type), registered on first call.
+// A library source file registers its classes when the library loads, so that tools find them
+// by name before any object exists:
+//
+//   Zel::TypeRegistration<Xact, XactConfig, XactStatus> const registration;
 template <class T>
 GenericIf const& registerType() {
   static GenericIf const& record = []() -> GenericIf const& {
@@ -325,5 +339,10 @@ GenericIf const& registerType() {
   }();
   return record;
 }
+
+template <class... T>
+struct TypeRegistration {
+  TypeRegistration() { (registerType<T>(), ...); }
+};
 
 }  // namespace Zel

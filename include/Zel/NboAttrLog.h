@@ -41,8 +41,9 @@ public:
   Out& operator<<(T value) {
     using Unsigned = std::make_unsigned_t<T>;
     auto const wire = detail::toBigEndian(static_cast<Unsigned>(value));
-    auto const* raw = reinterpret_cast<U8 const*>(&wire);
-    bytes_.insert(bytes_.end(), raw, raw + sizeof wire);
+    std::size_t const at = bytes_.size();
+    bytes_.resize(at + sizeof wire);
+    std::memcpy(bytes_.data() + at, &wire, sizeof wire);
     return *this;
   }
   Out& operator<<(bool value) { return *this << U8(value ? 1 : 0); }
@@ -78,7 +79,12 @@ public:
   In& operator>>(Name& value);
 
 private:
-  void take(void* to, std::size_t size);
+  void take(void* to, std::size_t size) {
+    if (remaining() < size) [[unlikely]] endedEarly();
+    std::memcpy(to, at_, size);
+    at_ += size;
+  }
+  [[noreturn]] static void endedEarly();
   std::string takeText();
 
   U8 const* at_;

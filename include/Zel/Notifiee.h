@@ -36,6 +36,7 @@ public:
 
   bool empty() const noexcept { return live_ == 0; }
   std::size_t size() const noexcept { return live_; }
+  bool visiting() const noexcept { return visiting_ != 0; }
   void notifieeIs(Entry* notifiee);
   void notifieeDel(Entry* notifiee) noexcept;
 

@@ -66,12 +66,25 @@ template <class T>
 concept ValueType = requires { T::zelFields().typeName; };
 
 template <class T, class F>
-using FieldType = std::remove_cvref_t<std::invoke_result_t<decltype(F::get), T const&>>;
+using FieldType =
+    std::remove_cvref_t<std::invoke_result_t<std::remove_cv_t<decltype(F::get)>, T const&>>;
 
-// Calls f(field) for each field of T in declaration order.
+// Field I of T as compile-time constants, so that calls through its accessor and mutator
+// pointers inline like direct calls.
+template <class T, std::size_t I>
+struct FieldAt {
+  static constexpr auto field = std::get<I>(T::zelFields().fields);
+  static constexpr char const* name = field.name;
+  static constexpr auto get = field.get;
+  static constexpr auto set = field.set;
+};
+
+// Calls visit(field) for each field of T in declaration order; the field offers name, get, set.
 template <ValueType T, class Visitor>
 constexpr void forEachField(Visitor&& visit) {
-  std::apply([&](auto const&... f) { (visit(f), ...); }, T::zelFields().fields);
+  [&]<std::size_t... I>(std::index_sequence<I...>) {
+    (visit(FieldAt<T, I>{}), ...);
+  }(std::make_index_sequence<T::zelFields().size>());
 }
 
 template <ValueType T>
@@ -123,7 +136,7 @@ private:
 template <ValueType T>
 void printStrep(std::string& out, T const& value) {
   if constexpr (printsAsSingleValue<T>()) {
-    printStrep(out, std::invoke(std::get<0>(T::zelFields().fields).get, value));
+    printStrep(out, std::invoke(FieldAt<T, 0>::get, value));
   } else {
     out += "Value(";
     printStrep(out, std::string_view(T::zelFields().typeName));
@@ -149,7 +162,7 @@ char const* sequenceToValue(char const* begin, char const* end, T* out) {
     std::invoke(f.set, value, reader.template read<V>());
   };
   if constexpr (printsAsSingleValue<T>()) {
-    readField(std::get<0>(T::zelFields().fields));
+    readField(FieldAt<T, 0>{});
   } else {
     reader.expect("Value(");
     if (reader.template read<String>() != T::zelFields().typeName) reader.fail();

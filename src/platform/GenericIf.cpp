@@ -1,4 +1,5 @@
 #include <Zel/AllocTrack.h>
+#include <Zel/Assert.h>
 #include <Zel/GenericIf.h>
 
 #include <map>
@@ -46,7 +47,8 @@ GenericIf const& GenericIf::typeIs(std::unique_ptr<GenericIf> record) {
   Registry& r = registry();
   std::lock_guard lock(r.mutex);
   auto [it, inserted] = r.records.try_emplace(record->name(), nullptr);
-  if (inserted) it->second = std::move(record);
+  ZEL_CHECK(inserted, "two classes registered the type name " << record->name());
+  it->second = std::move(record);
   return *it->second;
 }
 

@@ -10,11 +10,7 @@ Out& Out::operator<<(std::string_view value) {
   return *this;
 }
 
-void In::take(void* to, std::size_t size) {
-  if (remaining() < size) throw RangeException("Attribute log ended early");
-  std::memcpy(to, at_, size);
-  at_ += size;
-}
+void In::endedEarly() { throw RangeException("Attribute log ended early"); }
 
 In& In::operator>>(bool& value) {
   U8 byte;
@@ -40,7 +36,7 @@ In& In::operator>>(double& value) {
 std::string In::takeText() {
   U32 size;
   *this >> size;
-  if (remaining() < size) throw RangeException("Attribute log ended early");
+  if (remaining() < size) endedEarly();
   std::string text(reinterpret_cast<char const*>(at_), size);
   at_ += size;
   return text;
