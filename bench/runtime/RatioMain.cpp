@@ -1,0 +1,110 @@
+// The entry point of kiv-bench-runtime: runs the benchmarks as benchmark_main would, then prints
+// each one's time as a ratio to the baseline of its group, measured in the same run.
+//
+// A benchmark named "<group>/<variant>" belongs to <group>; the variant whose name starts with
+// "baseline" is the group's baseline. The build links libbenchmark_main.a to every benchmark
+// executable; since this file defines main, the linker never pulls that archive's main in.
+#include <benchmark/benchmark.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <iostream>
+#include <map>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace {
+
+// Forwards every report to the display reporter and keeps each benchmark's CPU time per
+// iteration: the run's own, or with --benchmark_repetitions the median of the runs.
+class RatioReporter : public benchmark::BenchmarkReporter {
+public:
+  explicit RatioReporter(benchmark::BenchmarkReporter& display) : display_(display) {}
+
+  bool ReportContext(Context const& context) override { return display_.ReportContext(context); }
+  void ReportRuns(std::vector<Run> const& runs) override {
+    display_.ReportRuns(runs);
+    for (Run const& run : runs) record(run);
+  }
+  void Finalize() override { display_.Finalize(); }
+
+  // Prints one line per non-baseline benchmark whose group has a baseline that ran.
+  void printRatios(std::ostream& out) const;
+
+private:
+  struct Measured {
+    std::string group;
+    std::string variant;
+    double nanoseconds;
+  };
+
+  void record(Run const& run);
+  Measured const* baselineOf(std::string const& group) const;
+
+  benchmark::BenchmarkReporter& display_;
+  std::vector<Measured> measured_;  // in the order the benchmarks ran
+};
+
+void RatioReporter::record(Run const& run) {
+  if (run.error_occurred) return;
+  if (run.run_type == Run::RT_Aggregate && run.aggregate_name != "median") return;
+  std::string const name = run.run_name.str();
+  std::size_t const slash = name.find('/');
+  if (slash == std::string::npos) return;
+  double const nanoseconds =
+      run.GetAdjustedCPUTime() * 1e9 / benchmark::GetTimeUnitMultiplier(run.time_unit);
+  Measured entry{name.substr(0, slash), name.substr(slash + 1), nanoseconds};
+  auto same = std::find_if(measured_.begin(), measured_.end(), [&](Measured const& m) {
+    return m.group == entry.group && m.variant == entry.variant;
+  });
+  // A later report of the same benchmark is its median over the repetitions.
+  if (same != measured_.end()) {
+    *same = entry;
+  } else {
+    measured_.push_back(entry);
+  }
+}
+
+RatioReporter::Measured const* RatioReporter::baselineOf(std::string const& group) const {
+  for (Measured const& m : measured_) {
+    if (m.group == group && std::string_view(m.variant).starts_with("baseline")) return &m;
+  }
+  return nullptr;
+}
+
+void RatioReporter::printRatios(std::ostream& out) const {
+  std::size_t width = 0;
+  for (Measured const& m : measured_) width = std::max(width, m.group.size() + 1 + m.variant.size());
+  bool headerDone = false;
+  for (Measured const& m : measured_) {
+    Measured const* baseline = baselineOf(m.group);
+    if (!baseline || baseline == &m) continue;
+    if (!headerDone) {
+      out << "\nRatio to the group's baseline (CPU time per iteration, this run):\n";
+      headerDone = true;
+    }
+    char line[512];
+    std::snprintf(line, sizeof line, "%-*s %9.2f ns   %-*s %9.2f ns   %7.2fx\n", int(width),
+                  (m.group + "/" + m.variant).c_str(), m.nanoseconds, int(width),
+                  (baseline->group + "/" + baseline->variant).c_str(), baseline->nanoseconds,
+                  m.nanoseconds / baseline->nanoseconds);
+    out << line;
+  }
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  benchmark::Initialize(&argc, argv);
+  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
+  // The library owns the default display reporter (it honours --benchmark_format).
+  benchmark::BenchmarkReporter* display = benchmark::CreateDefaultDisplayReporter();
+  RatioReporter reporter(*display);
+  benchmark::RunSpecifiedBenchmarks(&reporter);
+  // Keeps machine-readable formats on standard output parseable.
+  bool const console = dynamic_cast<benchmark::ConsoleReporter*>(display) != nullptr;
+  reporter.printRatios(console ? std::cout : std::cerr);
+  benchmark::Shutdown();
+  return 0;
+}
