@@ -184,11 +184,16 @@ public:
   void expect(std::string_view literal);
   // Consumes `literal` after optional blanks when it is there.
   bool accept(std::string_view literal) noexcept;
+  // Reads one value right at the position; a malformed one fails under the reader's type name,
+  // so a value type's parse error names the value type rather than the field's scalar.
   template <class T>
   T read() {
-    skipSpace();
     T value{};
-    at_ = sequenceToValue(at_, end_, &value);
+    try {
+      at_ = sequenceToValue(at_, end_, &value);
+    } catch (RangeException const&) {
+      fail();
+    }
     return value;
   }
   [[noreturn]] void fail() const { throwDeserializing(typeName_); }

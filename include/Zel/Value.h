@@ -161,11 +161,16 @@ char const* sequenceToValue(char const* begin, char const* end, T* out) {
     using V = FieldType<T, std::remove_cvref_t<decltype(f)>>;
     std::invoke(f.set, value, reader.template read<V>());
   };
+  // Blanks may stand between the parts of the keyed form, but not before a bare value.
+  auto readKey = [&] {
+    reader.skipSpace();
+    return reader.template read<String>();
+  };
   if constexpr (printsAsSingleValue<T>()) {
     readField(FieldAt<T, 0>{});
   } else {
     reader.expect("Value(");
-    if (reader.template read<String>() != T::zelFields().typeName) reader.fail();
+    if (readKey() != T::zelFields().typeName) reader.fail();
     reader.expect(",");
     reader.expect("**");
     reader.expect("{");
@@ -173,8 +178,9 @@ char const* sequenceToValue(char const* begin, char const* end, T* out) {
     forEachField<T>([&](auto const& f) {
       if (!first) reader.expect(",");
       first = false;
-      if (reader.template read<String>() != f.name) reader.fail();
+      if (readKey() != f.name) reader.fail();
       reader.expect(":");
+      reader.skipSpace();
       readField(f);
     });
     reader.expect("}");
