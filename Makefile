@@ -16,11 +16,16 @@ CTEST     := $(NOMAKEENV) ctest
 RELEASE  := $(BUILD)/release
 DEBUG    := $(BUILD)/debug
 SANITIZE := $(BUILD)/sanitize
+FUZZ     := $(BUILD)/fuzz
+
+# libFuzzer comes with clang; `make fuzz` runs each target this long.
+FUZZ_PACKAGES := clang libclang-rt-14-dev
+FUZZ_SECONDS  ?= 30
 
 SANITIZER_ENV := ASAN_OPTIONS=detect_leaks=1:halt_on_error=1:print_stacktrace=1 \
                  UBSAN_OPTIONS=halt_on_error=1:print_stacktrace=1
 
-.PHONY: all deps release debug demo test sanitize bench install clean
+.PHONY: all deps release debug demo test sanitize fuzz bench install clean
 
 all: release
 
@@ -49,6 +54,18 @@ sanitize: deps
 	    -DKIV_SANITIZE=ON -DKIV_BUILD_BENCH=OFF
 	$(CMAKE) --build $(SANITIZE) -j$(JOBS)
 	$(SANITIZER_ENV) $(CTEST) --test-dir $(SANITIZE) --output-on-failure -j2
+
+# kiv-fuzz-<Name> starts from the valid forms in fuzz/seeds/<Name>/ and keeps what it finds in
+# build/fuzz/corpus/, so later runs start where this one ended.
+fuzz:
+	@sh cmake/install-deps.sh $(FUZZ_PACKAGES)
+	$(NOMAKEENV) CC=clang-14 CXX=clang++-14 cmake -S fuzz -B $(FUZZ) -DCMAKE_BUILD_TYPE=RelWithDebInfo
+	$(CMAKE) --build $(FUZZ) -j$(JOBS)
+	@set -e; \
+	for f in $(FUZZ)/kiv-fuzz-*; do \
+	    name=$${f##*/kiv-fuzz-}; corpus=$(FUZZ)/corpus/$$name; mkdir -p "$$corpus"; \
+	    echo "== $$f"; "$$f" -max_total_time=$(FUZZ_SECONDS) "$$corpus" fuzz/seeds/$$name; \
+	done
 
 bench: release
 	@set -e; found=; \

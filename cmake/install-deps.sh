@@ -1,10 +1,11 @@
 #!/bin/sh
-# Installs the Debian packages the build needs, or, when not root, says
-# which ones are missing. Silent when everything is already there.
+# Installs the Debian packages the build needs, and any more named as
+# arguments (make fuzz adds clang), or, when not root, says which ones are
+# missing. Silent when everything is already there.
 set -eu
 
 packages="g++ cmake make pkg-config libgtest-dev libgmock-dev libbenchmark-dev \
-  zlib1g-dev libboost-iostreams-dev libboost-filesystem-dev"
+  zlib1g-dev libboost-iostreams-dev libboost-filesystem-dev $*"
 
 if ! command -v dpkg-query >/dev/null 2>&1; then
   echo "install-deps: not a Debian system; make sure these are installed: $packages" >&2
