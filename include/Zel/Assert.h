@@ -11,8 +11,8 @@ namespace Zel {
 [[noreturn]] void assertionFailed(char const* condition, char const* file, int line,
                                   char const* function) noexcept;
 
-// Writes "Failed(<condition>) <detail>" to standard error, then fails the assertion. Misuse of
-// the allocation structures reports its detail this way.
+// Writes "Failed(<condition>) <detail>" to standard error, then fails the assertion
+// !"<condition>". Misuse of the allocation structures reports its detail this way.
 [[noreturn]] void checkFailed(char const* condition, std::string const& detail, char const* file,
                               int line, char const* function) noexcept;
 

@@ -224,11 +224,17 @@ T& self(void* object) {
   return const_cast<T&>(self<T>(static_cast<void const*>(object)));
 }
 
+// Whether V has a string form that parses (pointers and other handles do not).
+template <class V>
+concept Parsable = requires(V* v, char const* p) { sequenceToValue(p, p, v); };
+
 template <class V>
 V argument(std::any const& arg) {
   if (auto const* direct = std::any_cast<V>(&arg)) return *direct;
-  if (auto const* text = std::any_cast<String>(&arg)) return strepToValue<V>(text->view());
-  if (auto const* text = std::any_cast<char const*>(&arg)) return strepToValue<V>(*text);
+  if constexpr (Parsable<V>) {
+    if (auto const* text = std::any_cast<String>(&arg)) return strepToValue<V>(text->view());
+    if (auto const* text = std::any_cast<char const*>(&arg)) return strepToValue<V>(*text);
+  }
   throw RangeException("Generic argument is neither " + strepTypeName<V>() + " nor its string form");
 }
 
@@ -243,7 +249,7 @@ template <class T, class Get, class Set, class Del>
 GenericIf::Attribute describe(ScalarAttr<Get, Set, Del> const& d) {
   auto a = readOnly<T>(d.name, AttributeKind::scalar, d.get);
   using V = std::remove_cvref_t<std::invoke_result_t<Get, T const&>>;
-  if constexpr (requires { strepToValue<V>(""); }) {
+  if constexpr (Parsable<V>) {
     a.write = [set = d.set](void* o, String const& text) {
       std::invoke(set, self<T>(o), strepToValue<V>(text.view()));
     };
@@ -276,7 +282,7 @@ GenericIf::Attribute describe(CollectionAttr<Member, Set, Del, DelAll> const& d)
   a.entry = [member](void const* o, String const& key) {
     return valueToStrep((self<T>(o).*member).value(strepToValue<K>(key.view())));
   };
-  if constexpr (!std::is_null_pointer_v<Set>) {
+  if constexpr (!std::is_null_pointer_v<Set> && Parsable<V>) {
     a.entryIs = [set = d.set](void* o, String const& key, String const& text) {
       std::invoke(set, self<T>(o), strepToValue<K>(key.view()), strepToValue<V>(text.view()));
     };

@@ -15,7 +15,8 @@ void assertionFailed(char const* condition, char const* file, int line,
 void checkFailed(char const* condition, std::string const& detail, char const* file, int line,
                  char const* function) noexcept {
   std::fprintf(stderr, "Failed(%s) %s\n", condition, detail.c_str());
-  assertionFailed(condition, file, line, function);
+  std::string const negated = std::string("!\"") + condition + '"';
+  assertionFailed(negated.c_str(), file, line, function);
 }
 
 }  // namespace Zel
