@@ -73,12 +73,14 @@ std::string formatTimeInterval(long seconds) {
   int const hours = int(magnitude / 3600 % 24);
   int const minutes = int(magnitude / 60 % 60);
   int const secs = int(magnitude % 60);
-  // The text is cut to what the buffer holds; only spans of some 10^14 days reach that.
-  char text[20];
+  // The text is cut to what a 20-character buffer holds; only spans of some 10^14 days reach
+  // that. It is formatted whole first, so the cut is explicit rather than snprintf's.
+  constexpr std::size_t cut = 19;
+  char text[48];
   int const length =
       days != 0 ? std::snprintf(text, sizeof text, "%s%lud%02dh", sign, days, hours)
                 : std::snprintf(text, sizeof text, "%s%02d:%02d:%02d", sign, hours, minutes, secs);
-  return std::string(text, std::min(std::size_t(length), sizeof text - 1));
+  return std::string(text, std::min(std::size_t(length), cut));
 }
 
 std::string formatTimeInterval(int seconds) { return formatTimeInterval(long(seconds)); }
