@@ -32,7 +32,7 @@
 #include <Zel/Types.h>
 
 #include <array>
-#include <iosfwd>
+#include <ostream>
 #include <memory>
 #include <string>
 
@@ -46,6 +46,25 @@ public:
   enum class IndexPreference : U8 { preferLo, preferHi };
   // Printed and parsed as "And" and "Or".
   enum class LogicalOp : U8 { logicalAnd, logicalOr };
+
+  friend constexpr auto zelEnumInfo(BitState) {
+    return Zel::enumInfo<BitState>("Kiv::HBitmap::BitState",
+                                   {{BitState::bitSet, "Set"}, {BitState::bitClear, "Clear"}});
+  }
+  friend constexpr auto zelEnumInfo(IndexPreference) {
+    return Zel::enumInfo<IndexPreference>(
+        "Kiv::HBitmap::IndexPreference",
+        {{IndexPreference::preferLo, "preferLo"}, {IndexPreference::preferHi, "preferHi"}});
+  }
+  friend constexpr auto zelEnumInfo(LogicalOp) {
+    return Zel::enumInfo<LogicalOp>("Kiv::HBitmap::LogicalOp",
+                                    {{LogicalOp::logicalAnd, "And"}, {LogicalOp::logicalOr, "Or"}});
+  }
+  friend std::ostream& operator<<(std::ostream& out, BitState v) { return out << Zel::enumName(v); }
+  friend std::ostream& operator<<(std::ostream& out, IndexPreference v) {
+    return out << Zel::enumName(v);
+  }
+  friend std::ostream& operator<<(std::ostream& out, LogicalOp v) { return out << Zel::enumName(v); }
 
   class NotifieeConst : public Zel::NotifieeConstOf<HBitmap> {
   public:
@@ -170,17 +189,5 @@ inline auto HBitmap::zelAttributes() {
 // `v` rounded up to a multiple of 64; a result that would not fit in a U32 (any v above
 // 0xFFFFFFC0) fails the assertion "i" instead of wrapping.
 U32 roundup64(U32 v);
-
-// String forms of the enumerations, for valueToStrep, strepToValue, reflection and streams. A value
-// outside an enumeration prints as its number.
-void printStrep(std::string& out, HBitmap::BitState state);
-void printStrep(std::string& out, HBitmap::IndexPreference pref);
-void printStrep(std::string& out, HBitmap::LogicalOp op);
-char const* sequenceToValue(char const* begin, char const* end, HBitmap::BitState* out);
-char const* sequenceToValue(char const* begin, char const* end, HBitmap::IndexPreference* out);
-char const* sequenceToValue(char const* begin, char const* end, HBitmap::LogicalOp* out);
-std::ostream& operator<<(std::ostream& out, HBitmap::BitState state);
-std::ostream& operator<<(std::ostream& out, HBitmap::IndexPreference pref);
-std::ostream& operator<<(std::ostream& out, HBitmap::LogicalOp op);
 
 }  // namespace Kiv

@@ -19,13 +19,13 @@ namespace Zel {
 }  // namespace Zel
 
 #define ZEL_ASSERT(condition)                                                                   \
-  (static_cast<bool>(condition)                                                                 \
+  (__builtin_expect(static_cast<bool>(condition), 1)                                            \
        ? void(0)                                                                                \
        : ::Zel::assertionFailed(#condition, __FILE__, __LINE__, __func__))
 
 // Like ZEL_ASSERT, but first prints the Failed line; `detail` is streamed only on failure.
 #define ZEL_CHECK(condition, detail)                                                            \
-  (static_cast<bool>(condition)                                                                 \
+  (__builtin_expect(static_cast<bool>(condition), 1)                                            \
        ? void(0)                                                                                \
        : ::Zel::checkFailed(#condition, (std::ostringstream() << detail).str(), __FILE__,      \
                             __LINE__, __func__))

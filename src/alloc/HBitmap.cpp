@@ -7,12 +7,9 @@
 #include <algorithm>
 #include <array>
 #include <bit>
-#include <cstdio>
 #include <cstdlib>
 #include <new>
 #include <ostream>
-#include <sstream>
-#include <string_view>
 
 namespace Kiv {
 
@@ -40,42 +37,6 @@ constexpr U64 lowBits(U32 count) { return (U64{1} << count) - 1; }
 // The bits of a word from `from` upwards (from < 64), and from 0 up to `to` included (to < 64).
 constexpr U64 bitsFrom(U32 from) { return allOnes << from; }
 constexpr U64 bitsUpTo(U32 to) { return allOnes >> (63 - to); }
-
-// Misuse of the bitmap: the Failed line, then the assertion !"<condition>".
-[[noreturn]] void misuse(char const* condition, std::ostringstream const& detail,
-                         char const* file = __builtin_FILE(), int line = __builtin_LINE(),
-                         char const* function = __builtin_FUNCTION()) {
-  std::fprintf(stderr, "Failed(%s) %s\n", condition, detail.str().c_str());
-  std::string const assertion = std::string("!\"") + condition + '"';
-  Zel::assertionFailed(assertion.c_str(), file, line, function);
-}
-
-// The enumerations' string forms, in enumerator order.
-constexpr std::array<std::string_view, 2> bitStateNames{"Set", "Clear"};
-constexpr std::array<std::string_view, 2> indexPreferenceNames{"preferLo", "preferHi"};
-constexpr std::array<std::string_view, 2> logicalOpNames{"And", "Or"};
-
-template <class E>
-std::string enumStrep(E value, std::array<std::string_view, 2> const& names) {
-  auto const index = static_cast<std::size_t>(value);
-  return index < names.size() ? std::string(names[index]) : std::to_string(index);
-}
-
-// Reads one of `names` after optional blanks.
-template <class E>
-char const* enumFromSequence(char const* begin, char const* end, E* out,
-                             std::array<std::string_view, 2> const& names, char const* typeName) {
-  Zel::StrepReader reader(begin, end, typeName);
-  reader.skipSpace();
-  std::string_view const text(reader.position(), static_cast<std::size_t>(end - reader.position()));
-  for (std::size_t i = 0; i < names.size(); ++i) {
-    if (text.starts_with(names[i])) {
-      *out = static_cast<E>(i);
-      return reader.position() + names[i].size();
-    }
-  }
-  reader.fail();
-}
 
 // The shape of a bitmap of `size` bits: each level has one bit per word of the level below, until
 // a level fits in one word.
@@ -266,9 +227,7 @@ bool HBitmap::isBitSet(U32 bit) const {
 
 // Inline, so that the three entry points run it without a call through the library's symbol table.
 inline void HBitmap::update(U32 bit, BitState state) {
-  if (bit >= size_) [[unlikely]] {
-    misuse("bit < size()", std::ostringstream() << "bit " << bit << " sz " << size_);
-  }
+  ZEL_CHECK(bit < size(), "bit " << bit << " sz " << size_);
   WordPair& leaf = words_[bit / 64];
   U64 const mask = U64{1} << (bit % 64);
   bool const wasSet = (leaf.set & mask) != 0;
@@ -330,12 +289,8 @@ void HBitmap::updateBitsInRange(U32 start, U32 end, BitState state) {
 }
 
 void HBitmap::updateRange(U32 start, U32 end, BitState state) {
-  if (start > end) {
-    misuse("start <= end", std::ostringstream() << "start" << start << " end " << end);
-  }
-  if (end >= size_) {
-    misuse("end < size()", std::ostringstream() << "end" << end << " sz " << size_);
-  }
+  ZEL_CHECK(start <= end, "start" << start << " end " << end);
+  ZEL_CHECK(end < size(), "end" << end << " sz " << size_);
   U32 const startWord = start / 64;
   U32 const endWord = end / 64;
   if (auto t = Zel::TraceHelper(trace(), 9)) {
@@ -454,11 +409,8 @@ void HBitmap::doLogicalOp(Zel::Ptr<HBitmap const> const& other, LogicalOp op) {
 }
 
 void HBitmap::logicalOp(HBitmap const& other, LogicalOp op) {
-  if (size_ > other.size_) {
-    std::ostringstream detail;
-    detail << "sz " << size_ << " hsz " << other.size_;
-    misuse("size() <= hbmp->size()", detail);
-  }
+  HBitmap const* const hbmp = &other;
+  ZEL_CHECK(size() <= hbmp->size(), "sz " << size_ << " hsz " << other.size_);
   if (op != LogicalOp::logicalAnd && op != LogicalOp::logicalOr) {
     if (auto t = Zel::TraceHelper(trace(), 1)) t << "Unknown logical op: " << op;
     return;
@@ -497,34 +449,6 @@ U32 roundup64(U32 v) {
   // Rounding up would wrap past the largest U32.
   if (i >= 0xFFFFFFC0u) Zel::assertionFailed("i", __FILE__, __LINE__, __func__);
   return i + 64;
-}
-
-void printStrep(std::string& out, HBitmap::BitState state) {
-  out += enumStrep(state, bitStateNames);
-}
-void printStrep(std::string& out, HBitmap::IndexPreference pref) {
-  out += enumStrep(pref, indexPreferenceNames);
-}
-void printStrep(std::string& out, HBitmap::LogicalOp op) { out += enumStrep(op, logicalOpNames); }
-
-char const* sequenceToValue(char const* begin, char const* end, HBitmap::BitState* out) {
-  return enumFromSequence(begin, end, out, bitStateNames, "Kiv::HBitmap::BitState");
-}
-char const* sequenceToValue(char const* begin, char const* end, HBitmap::IndexPreference* out) {
-  return enumFromSequence(begin, end, out, indexPreferenceNames, "Kiv::HBitmap::IndexPreference");
-}
-char const* sequenceToValue(char const* begin, char const* end, HBitmap::LogicalOp* out) {
-  return enumFromSequence(begin, end, out, logicalOpNames, "Kiv::HBitmap::LogicalOp");
-}
-
-std::ostream& operator<<(std::ostream& out, HBitmap::BitState state) {
-  return out << enumStrep(state, bitStateNames);
-}
-std::ostream& operator<<(std::ostream& out, HBitmap::IndexPreference pref) {
-  return out << enumStrep(pref, indexPreferenceNames);
-}
-std::ostream& operator<<(std::ostream& out, HBitmap::LogicalOp op) {
-  return out << enumStrep(op, logicalOpNames);
 }
 
 }  // namespace Kiv
