@@ -34,7 +34,7 @@ public:
   void run();
   // Turns until the time reaches `t` or stop() is called; see the class comment.
   void runUntil(Seconds t);
-  // Ends run() or runUntil() after the current handler returns.
+  // Ends run() or runUntil() at the end of the current turn.
   void stop() noexcept { stopping_ = true; }
 
   std::size_t descriptorCount() const noexcept { return descriptors_.size(); }
@@ -46,7 +46,10 @@ private:
   friend class FileDescriptor;
 
   // Registers a descriptor for readability; throws ErrnoException when the kernel refuses it.
+  // A number registered before (closed and reused since, or registered again) now belongs to
+  // the new registration.
   U64 descriptorIs(int descriptor, FileDescriptor* owner);
+  // Drops a registration; the number leaves the epoll set only if it still belongs to it.
   void descriptorDel(U64 registration, int descriptor) noexcept;
 
   std::size_t dispatchDescriptors(Seconds maxWaitSeconds);
@@ -59,6 +62,8 @@ private:
   // Registration number -> owner; a descriptor removed in the middle of a dispatch is found
   // missing here and skipped.
   std::unordered_map<U64, FileDescriptor*> descriptors_;
+  // Descriptor number -> the registration it currently belongs to.
+  std::unordered_map<int, U64> registrationOf_;
 };
 
 // The calling thread's activity manager, made on first use.

@@ -2,7 +2,7 @@
 //
 // A Clock::NotifieeConst asks to be called once the clock reaches its timeMin. A finite timeMin
 // arms it, the end of time unarms it, NaN is refused by an assertion. Arming, moving and
-// unarming cost O(log n) in the number of armed notifiees (an indexed binary heap ordered by
+// unarming cost O(log n) in the number of armed notifiees (an indexed 4-ary heap ordered by
 // timeMin, then by order of arming). Destroying or detaching an armed notifiee unarms it.
 //
 // The activity loop fires due notifiees (ActivityManager); before it calls onTime() it sets the
@@ -59,8 +59,9 @@ public:
   Seconds nextTime() const noexcept { return heap_.empty() ? endOfTime : heap_.front().time; }
   std::size_t armedCount() const noexcept { return heap_.size(); }
 
-  // Fires, in order, every notifiee due at `now` that was armed before this call began; a
-  // notifiee armed during the call waits for the next one. Returns the number fired.
+  // Fires due notifiees (timeMin <= now) in order, stopping at the first one that was armed
+  // during this call: it and everything after it wait for the next call, so a handler that
+  // re-arms for a past time never runs again within the same call. Returns the number fired.
   std::size_t doFireDue(Seconds now);
 
 protected:
@@ -82,6 +83,7 @@ private:
   void rearm(NotifieeConst& n) const noexcept;
   void unarm(NotifieeConst& n) const noexcept;
   void resift(std::size_t index) const noexcept;
+  std::size_t leastChild(std::size_t index) const noexcept;
   void place(std::size_t index, Slot slot) const noexcept;
   void siftUp(std::size_t index) const noexcept;
   void siftDown(std::size_t index) const noexcept;

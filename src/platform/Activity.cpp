@@ -31,17 +31,23 @@ U64 ActivityManager::descriptorIs(int descriptor, FileDescriptor* owner) {
   epoll_event event{};
   event.events = EPOLLIN;
   event.data.u64 = registration;
-  if (epoll_ctl(epoll_, EPOLL_CTL_ADD, descriptor, &event) != 0) {
+  // A number still in the set (registered again by its owner) is taken over with MOD.
+  if (epoll_ctl(epoll_, EPOLL_CTL_ADD, descriptor, &event) != 0 &&
+      (errno != EEXIST || epoll_ctl(epoll_, EPOLL_CTL_MOD, descriptor, &event) != 0)) {
     throw ErrnoException("epoll_ctl add descriptor " + std::to_string(descriptor), errno);
   }
   descriptors_.emplace(registration, owner);
+  registrationOf_[descriptor] = registration;
   return registration;
 }
 
 void ActivityManager::descriptorDel(U64 registration, int descriptor) noexcept {
+  descriptors_.erase(registration);
+  auto it = registrationOf_.find(descriptor);
+  if (it == registrationOf_.end() || it->second != registration) return;
+  registrationOf_.erase(it);
   // The owner may have closed the descriptor already, which removed it from the epoll set.
   epoll_ctl(epoll_, EPOLL_CTL_DEL, descriptor, nullptr);
-  descriptors_.erase(registration);
 }
 
 Seconds ActivityManager::waitFor(Seconds maxWaitSeconds) const noexcept {
@@ -110,10 +116,11 @@ void ActivityManager::runUntil(Seconds t) {
     if (stopping_) return;
     Seconds const next = clock_->nextTime();
     if (next <= System::currentTime()) continue;  // re-armed for a time already past
-    if (next > t) break;
+    if (next > t || next == endOfTime) break;
     System::virtualTimeIs(next);
   }
-  if (t > System::currentTime()) System::virtualTimeIs(t);
+  // Virtual time stays finite: runUntil(endOfTime) ends when nothing is left armed.
+  if (t > System::currentTime() && t != endOfTime) System::virtualTimeIs(t);
 }
 
 }  // namespace Zel

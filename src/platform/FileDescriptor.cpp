@@ -17,8 +17,10 @@ FileDescriptor::~FileDescriptor() {
   if (registration_) activity_->descriptorDel(registration_, descriptor_);
 }
 
+// Setting the same number again registers it anew: the owner may have closed it and opened
+// another file under that number.
 void FileDescriptor::descriptorIs(int descriptor) {
-  if (descriptor == descriptor_) return;
+  if (descriptor < 0 && descriptor_ < 0) return;
   U64 const registration = descriptor >= 0 ? activity_->descriptorIs(descriptor, this) : 0;
   if (registration_) activity_->descriptorDel(registration_, descriptor_);
   descriptor_ = descriptor;
