@@ -164,7 +164,7 @@ void foundationTour(std::ostream& out) {
 }
 
 TourRegistrar const registrar(
-    20, "foundation", "Core value types: sequence numbers, MaybeU63, unique ids; formatters",
+    30, "foundation", "Core value types: sequence numbers, MaybeU63, unique ids; formatters",
     &foundationTour);
 
 }  // namespace

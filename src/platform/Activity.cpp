@@ -80,6 +80,16 @@ std::size_t ActivityManager::runOnce(Seconds maxWaitSeconds) {
   return handled + clock_->doFireDue(System::currentTime());
 }
 
+bool ActivityManager::settleInstant() {
+  for (;;) {
+    dispatchDescriptors(0);
+    std::size_t const fired = clock_->doFireDue(System::currentTime());
+    if (stopping_) return false;
+    bool const moreDue = clock_->nextTime() <= System::currentTime();
+    if (!moreDue && (fired == 0 || descriptors_.empty())) return true;
+  }
+}
+
 void ActivityManager::run() {
   stopping_ = false;
   while (!stopping_) {
@@ -87,10 +97,8 @@ void ActivityManager::run() {
       runOnce(endOfTime);
       continue;
     }
-    runOnce(0);
-    if (stopping_) return;
+    if (!settleInstant()) return;
     Seconds const next = clock_->nextTime();
-    if (next <= System::currentTime()) continue;
     if (next != endOfTime) {
       System::virtualTimeIs(next);
     } else if (descriptors_.empty()) {
@@ -112,10 +120,8 @@ void ActivityManager::runUntil(Seconds t) {
     return;
   }
   for (;;) {
-    runOnce(0);
-    if (stopping_) return;
+    if (!settleInstant()) return;
     Seconds const next = clock_->nextTime();
-    if (next <= System::currentTime()) continue;  // re-armed for a time already past
     if (next > t || next == endOfTime) break;
     System::virtualTimeIs(next);
   }
