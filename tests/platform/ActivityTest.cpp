@@ -396,6 +396,37 @@ TEST_F(FileDescriptorTest, ReadableEndNotifiesOnEveryTurnUntilDrained) {
   EXPECT_EQ(fcntl(pair.reader(), F_GETFL) & O_NONBLOCK, 0);
 }
 
+// What a clock handler writes to a watched socket is read at the same virtual instant, and a
+// descriptor reused after its first owner closed it keeps notifying its new owner.
+TEST_F(FileDescriptorTest, AWriteFromAHandlerIsReadAtTheSameInstant) {
+  SocketPair pair;
+  auto fd = watched(pair.reader());
+  Seconds readAt = 0;
+  Reader reader(fd, 64, [&] { readAt = currentTime(); });
+  Alarm writer([&](Alarm&) { pair.send("now"); });
+  writer.timeMinIs(start + 3);
+  Alarm later;
+  later.timeMinIs(start + 8);
+  activity()->runUntil(start + 10);
+  EXPECT_EQ(reader.received, "now");
+  EXPECT_EQ(readAt, start + 3);
+}
+
+TEST_F(FileDescriptorTest, AReusedNumberBelongsToItsNewOwner) {
+  int first[2];
+  ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, first), 0);
+  auto stale = watched(first[0]);
+  close(first[0]);
+  close(first[1]);
+  SocketPair pair;  // takes the lowest free numbers, the ones just closed
+  auto fresh = watched(pair.reader());
+  Reader reader(fresh, 64);
+  stale->descriptorIs(-1);
+  pair.send("still here");
+  activity()->runOnce(0);
+  EXPECT_EQ(reader.received, "still here");
+}
+
 TEST_F(FileDescriptorTest, RemovedFromItsOwnHandlerWhileStillReadable) {
   SocketPair pair;
   std::size_t const before = activity()->descriptorCount();
