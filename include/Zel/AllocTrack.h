@@ -28,6 +28,7 @@ public:
   std::string const& typeName() const noexcept { return typeName_; }
   // Size of the most recent allocation; objects of one class all have the same size.
   std::size_t size() const noexcept { return size_.load(std::memory_order_relaxed); }
+  // Allocations attempted, including those whose constructor threw; live() excludes them.
   U64 allocations() const noexcept { return allocations_.load(std::memory_order_relaxed); }
   U64 live() const noexcept { return live_.load(std::memory_order_relaxed); }
 

@@ -136,8 +136,11 @@ protected:
   void entryDel(Map& map, typename Map::key_type const& key, void (N::*handler)(P)) {
     if (map.del(key)) notify(handler, key);
   }
+  // A handler may drop the last outside reference midway, so the notifier holds one of its own
+  // until every key is reported (unless it is being made or destroyed and so has none).
   template <class Map, class N, class P>
   void entryDelAll(Map& map, void (N::*handler)(P)) {
+    Ptr<Notifier const> const self(references() > 0 ? this : nullptr);
     for (auto const& key : map.delAll()) notify(handler, key);
   }
 
