@@ -87,12 +87,11 @@ private:
 };
 
 void activityTour(std::ostream& out) {
-  Zel::System::virtualTimeIs(epoch);
+  Zel::System::VirtualTimeScope const time(epoch);
   auto loop = Zel::activityManager();
   int sockets[2];
   if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, sockets) != 0) {
     out << "   socketpair failed\n";
-    Zel::System::virtualTimeDel();
     return;
   }
   {
@@ -122,7 +121,6 @@ void activityTour(std::ostream& out) {
   }
   close(sockets[0]);
   close(sockets[1]);
-  Zel::System::virtualTimeDel();
 }
 
 TourRegistrar const registrar(20, "activity",

@@ -116,26 +116,6 @@ void printTables(std::ostream& out, Kiv::Cuckoo::Status const& status) {
   }
 }
 
-// Restores the time source the tour found.
-class VirtualTime {
-public:
-  explicit VirtualTime(Zel::Seconds start)
-      : wasVirtual_(Zel::System::virtualTime()), before_(Zel::System::currentTime()) {
-    Zel::System::virtualTimeIs(start);
-  }
-  ~VirtualTime() {
-    if (wasVirtual_) {
-      Zel::System::virtualTimeIs(before_);
-    } else {
-      Zel::System::virtualTimeDel();
-    }
-  }
-
-private:
-  bool wasVirtual_;
-  Zel::Seconds before_;
-};
-
 // The table, its writer, and the items offered to it so far.
 struct Rig {
   Zel::Ptr<Kiv::Cuckoo::Config> config = Kiv::Cuckoo::configFactory("fib", ways);
@@ -229,7 +209,7 @@ void removeAndReview(std::ostream& out, Rig& rig, Zel::Seconds start) {
 
 void cuckooTour(std::ostream& out) {
   constexpr Zel::Seconds start = 1'000'000;
-  VirtualTime const time(start);
+  Zel::System::VirtualTimeScope const time(start);
   Rig rig;
   fillUntilPending(out, rig);
   reviewTimeline(out, rig, start);

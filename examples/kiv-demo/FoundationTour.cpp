@@ -70,32 +70,11 @@ void optionalNumber(std::ostream& out) {
   out << '\n';
 }
 
-// Runs the process on virtual time from `start` for its lifetime, then restores the clock it had.
-class VirtualTimeScope {
-public:
-  explicit VirtualTimeScope(Kiv::Seconds start)
-      : wasVirtual_(Zel::System::virtualTime()), before_(Zel::System::currentTime()) {
-    Zel::System::virtualTimeIs(start);
-  }
-  VirtualTimeScope(VirtualTimeScope const&) = delete;
-  VirtualTimeScope& operator=(VirtualTimeScope const&) = delete;
-  ~VirtualTimeScope() {
-    if (wasVirtual_) {
-      Zel::System::virtualTimeIs(before_);
-    } else {
-      Zel::System::virtualTimeDel();
-    }
-  }
-
-private:
-  bool wasVirtual_;
-  Kiv::Seconds before_;
-};
 
 void uniqueIds(std::ostream& out) {
   constexpr unsigned burst = 65538;
   out << "3. A burst of " << burst << " unique ids from one second of virtual time.\n";
-  VirtualTimeScope const scope(1'700'000'000.5);
+  Zel::System::VirtualTimeScope const scope(1'700'000'000.5);
   std::vector<Kiv::UniqueId> ids(burst);
   for (Kiv::UniqueId& id : ids) id.doInit();
   bool increasing = true;

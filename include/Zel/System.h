@@ -23,4 +23,18 @@ bool virtualTime() noexcept;
 // that waits for the next second terminates in tests.
 void sleep(Seconds seconds);
 
+// Puts the process on virtual time at `start` for the scope's lifetime, then restores the time
+// source it had: the wall clock, or the virtual time it stood at.
+class VirtualTimeScope {
+public:
+  explicit VirtualTimeScope(Seconds start) noexcept;
+  VirtualTimeScope(VirtualTimeScope const&) = delete;
+  VirtualTimeScope& operator=(VirtualTimeScope const&) = delete;
+  ~VirtualTimeScope();
+
+private:
+  bool wasVirtual_;
+  Seconds before_;
+};
+
 }  // namespace Zel::System

@@ -47,4 +47,17 @@ void sleep(Seconds seconds) {
   }
 }
 
+VirtualTimeScope::VirtualTimeScope(Seconds start) noexcept
+    : wasVirtual_(virtualTime()), before_(currentTime()) {
+  virtualTimeIs(start);
+}
+
+VirtualTimeScope::~VirtualTimeScope() {
+  if (wasVirtual_) {
+    virtualTimeIs(before_);
+  } else {
+    virtualTimeDel();
+  }
+}
+
 }  // namespace Zel::System
