@@ -54,6 +54,11 @@ public:
     it->second = value;
     return true;
   }
+  // The first entry whose key is not less (lowerBound) or greater (upperBound) than `key`;
+  // ordered maps only.
+  const_iterator lowerBound(key_type const& key) const { return entries_.lower_bound(key); }
+  const_iterator upperBound(key_type const& key) const { return entries_.upper_bound(key); }
+
   // Removes one entry; false when there was none.
   bool del(key_type const& key) { return entries_.erase(key) != 0; }
   iterator del(const_iterator position) { return entries_.erase(position); }

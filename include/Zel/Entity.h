@@ -38,6 +38,8 @@ public:
   explicit Allocated(A&&... args) : T(std::forward<A>(args)...) {}
   ~Allocated() override { AllocTrackTypeInfo::of<T>().trackDeallocation(); }
 
+  std::type_info const& zelClass() const noexcept override { return typeid(T); }
+
   GenericIf const* fwkType() const noexcept override {
     if constexpr (ReflectedEntity<T>) {
       return &registerType<typename decltype(T::zelAttributes())::Entity>();

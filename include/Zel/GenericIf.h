@@ -172,7 +172,8 @@ struct CollectionAttr {
   DelAll delAll;
 };
 // A collection held in a map adapter member. A child collection passes nullptr for `set`:
-// children are instantiated by their constructor arguments, not written as values.
+// children are instantiated by their constructor arguments, not written as values; a read-only
+// collection passes nullptr for all three mutators.
 template <class Member, class Set, class Del, class DelAll>
 constexpr CollectionAttr<Member, Set, Del, DelAll> collection(char const* name, Member member,
                                                               Set set, Del del, DelAll delAll) {
@@ -223,10 +224,6 @@ template <class T>
 T& self(void* object) {
   return const_cast<T&>(self<T>(static_cast<void const*>(object)));
 }
-
-// Whether V has a string form that parses (pointers and other handles do not).
-template <class V>
-concept Parsable = requires(V* v, char const* p) { sequenceToValue(p, p, v); };
 
 template <class V>
 V argument(std::any const& arg) {
@@ -287,10 +284,14 @@ GenericIf::Attribute describe(CollectionAttr<Member, Set, Del, DelAll> const& d)
       std::invoke(set, self<T>(o), strepToValue<K>(key.view()), strepToValue<V>(text.view()));
     };
   }
-  a.entryDel = [del = d.del](void* o, String const& key) {
-    std::invoke(del, self<T>(o), strepToValue<K>(key.view()));
-  };
-  a.erase = [delAll = d.delAll](void* o) { std::invoke(delAll, self<T>(o)); };
+  if constexpr (!std::is_null_pointer_v<Del>) {
+    a.entryDel = [del = d.del](void* o, String const& key) {
+      std::invoke(del, self<T>(o), strepToValue<K>(key.view()));
+    };
+  }
+  if constexpr (!std::is_null_pointer_v<DelAll>) {
+    a.erase = [delAll = d.delAll](void* o) { std::invoke(delAll, self<T>(o)); };
+  }
   return a;
 }
 
@@ -323,7 +324,10 @@ std::unique_ptr<GenericIf> valueRecord() {
   forEachField<T>([&](auto const& f) {
     record->attributeIs(readOnly<T>(f.name, AttributeKind::field, f.get));
   });
-  record->valueStrepIs([](String const& text) { return valueToStrep(strepToValue<T>(text.view())); });
+  if constexpr (Parsable<T>) {
+    record->valueStrepIs(
+        [](String const& text) { return valueToStrep(strepToValue<T>(text.view())); });
+  }
   return record;
 }
 

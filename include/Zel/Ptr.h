@@ -16,6 +16,7 @@
 #include <cstddef>
 #include <functional>
 #include <type_traits>
+#include <typeinfo>
 #include <utility>
 
 namespace Zel {
@@ -71,6 +72,8 @@ public:
 
   // The reflection record of the object's class, or null for a class that has none.
   virtual GenericIf const* fwkType() const noexcept { return nullptr; }
+  // The object's class as its author declared it (not the runtime's wrapper around it).
+  virtual std::type_info const& zelClass() const noexcept { return typeid(*this); }
 
   // Raw memory for entities; zelMemFree releases what zelMemAlloc returned.
   static void* zelMemAlloc(std::size_t size);
@@ -137,6 +140,7 @@ public:
     return raw_ == other.ptr();
   }
   bool operator==(std::nullptr_t) const noexcept { return raw_ == nullptr; }
+  bool operator==(T const* raw) const noexcept { return raw_ == raw; }
   template <class U>
   std::strong_ordering operator<=>(Ptr<U> const& other) const noexcept {
     return std::compare_three_way()(static_cast<void const*>(raw_),

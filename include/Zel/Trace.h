@@ -69,14 +69,12 @@ public:
   TraceHelper(TraceHandle const& handle, int level, char const* file = __builtin_FILE(),
               unsigned line = __builtin_LINE(), char const* function = __builtin_FUNCTION())
       : handle_(handle), level_(level), file_(file), line_(line), function_(function) {
-    if (handle.enabled(level)) text_ = std::make_unique<std::ostringstream>();
+    if (handle.enabled(level)) [[unlikely]] start();
   }
   TraceHelper(TraceHelper const&) = delete;
   TraceHelper& operator=(TraceHelper const&) = delete;
   ~TraceHelper() {
-    if (text_) {
-      handle_.trace(level_, text_->view(), file_, line_, function_);
-    }
+    if (text_) [[unlikely]] finish();
   }
 
   explicit operator bool() const noexcept { return text_ != nullptr; }
@@ -88,6 +86,10 @@ public:
   }
 
 private:
+  // Out of line, so that the disabled path inlines to the level test alone.
+  void start();
+  void finish() noexcept;
+
   TraceHandle const& handle_;
   int level_;
   char const* file_;

@@ -153,7 +153,20 @@ void printStrep(std::string& out, T const& value) {
   }
 }
 
+// Whether V has a string form that parses (pointers and other handles do not, nor value types
+// with such a field).
+template <class V>
+concept Parsable = requires(V* v, char const* p) { sequenceToValue(p, p, v); };
+
 template <ValueType T>
+constexpr bool fieldsParsable() {
+  return []<std::size_t... I>(std::index_sequence<I...>) {
+    return (Parsable<FieldType<T, FieldAt<T, I>>> && ...);
+  }(std::make_index_sequence<T::zelFields().size>());
+}
+
+template <ValueType T>
+  requires(fieldsParsable<T>())
 char const* sequenceToValue(char const* begin, char const* end, T* out) {
   T value{};
   StrepReader reader(begin, end, T::zelTypeName());

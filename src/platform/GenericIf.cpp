@@ -25,7 +25,7 @@ Registry& registry() {
 std::string pointerStrep(PtrInterface const* object) {
   if (!object) return "None";
   GenericIf const* type = object->fwkType();
-  return "<" + (type ? type->name() : demangledName(typeid(*object))) + ">";
+  return "<" + (type ? type->name() : demangledName(object->zelClass())) + ">";
 }
 
 GenericIf const* GenericIf::type(std::string_view name) {

@@ -82,6 +82,16 @@ void TraceHandle::trace(int level, std::string_view text, char const* file, unsi
   out.flush();
 }
 
+void TraceHelper::start() { text_ = std::make_unique<std::ostringstream>(); }
+
+void TraceHelper::finish() noexcept {
+  try {
+    handle_.trace(level_, text_->view(), file_, line_, function_);
+  } catch (...) {
+    // A trace line that cannot be written is dropped; tracing never fails the traced code.
+  }
+}
+
 void traceSinkIs(std::ostream* chosen) {
   Sink& s = sink();
   std::lock_guard lock(s.mutex);
