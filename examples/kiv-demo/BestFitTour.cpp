@@ -150,7 +150,7 @@ void bestFitTour(std::ostream& out) {
       << firstIndex + table->memSz() - 1 << ", " << table->numFreeEntries() << " entries free\n";
 }
 
-TourRegistrar const registrar(65, "best-fit", "Best-fit block allocator: churn, then defragment",
+TourRegistrar const registrar(85, "best-fit", "Best-fit block allocator: churn, then defragment",
                               &bestFitTour);
 
 }  // namespace

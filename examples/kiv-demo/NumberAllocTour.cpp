@@ -19,27 +19,6 @@ using Kiv::Range;
 using Kiv::Seconds;
 using Kiv::U32;
 
-// Runs the process on virtual time from `start` for its lifetime, then restores the clock it had.
-class VirtualTimeScope {
-public:
-  explicit VirtualTimeScope(Seconds start)
-      : wasVirtual_(Zel::System::virtualTime()), before_(Zel::System::currentTime()) {
-    Zel::System::virtualTimeIs(start);
-  }
-  VirtualTimeScope(VirtualTimeScope const&) = delete;
-  VirtualTimeScope& operator=(VirtualTimeScope const&) = delete;
-  ~VirtualTimeScope() {
-    if (wasVirtual_) {
-      Zel::System::virtualTimeIs(before_);
-    } else {
-      Zel::System::virtualTimeDel();
-    }
-  }
-
-private:
-  bool wasVirtual_;
-  Seconds before_;
-};
 
 constexpr Seconds kStart = 1'700'000'000.0;
 
@@ -69,7 +48,7 @@ void printPools(std::ostream& out, Kiv::NumAllocator const& ifIndexes) {
 
 void interfaceIndexes(std::ostream& out) {
   out << "1. Interface indexes 1..4096, lowest free first, released ones held down 30 s.\n";
-  VirtualTimeScope const scope(kStart);
+  Zel::System::VirtualTimeScope const scope(kStart);
   auto config = Kiv::numAllocatorConfigFactory(Range(1, 4096));
   auto status = Kiv::numAllocatorStatusFactory();
   auto ifIndexes = Kiv::numAllocatorFactory(config, status);
@@ -136,7 +115,7 @@ void numberAllocTour(std::ostream& out) {
   identifierSet(out);
 }
 
-TourRegistrar const registrar(60, "number-alloc",
+TourRegistrar const registrar(80, "number-alloc",
                               "Number allocation: hold-down in virtual time, number pools, id sets",
                               &numberAllocTour);
 
