@@ -113,7 +113,7 @@ public:
   U8 slot() const { return slot_; }
   // The port under `name`, made on first use; asking again with other lanes is refused.
   Zel::Ptr<Port> portIs(Zel::Name const& name, U8 lanes) {
-    return childIs(port_, name, &NotifieeConst::onPort, portFactory, name, lanes);
+    return instantiateChild(port_, name, &NotifieeConst::onPort, portFactory, name, lanes);
   }
 
 protected:

@@ -267,7 +267,7 @@ public:
   // Makes the descriptor of `tableId`, or returns the present one; asking again with another
   // size throws NameInUseException naming _tableSize or _binSize.
   Zel::Ptr<TableDescriptor> tableDescListIs(TableId tableId, U32 tableSize, U8 binSize) {
-    return childIs(tableDescList_, tableId, &NotifieeConst::onTableDescList,
+    return instantiateChild(tableDescList_, tableId, &NotifieeConst::onTableDescList,
                    tableDescriptorFactory, tableId, tableSize, binSize);
   }
   void tableDescListDel(TableId tableId) {
@@ -547,7 +547,7 @@ public:
 
   Zel::Ptr<TableStat> tableStat(TableId tableId) const { return tableStat_.value(tableId); }
   Zel::Ptr<TableStat> tableStatIs(TableId tableId) {
-    return childIs(tableStat_, tableId, &NotifieeConst::onTableStat, tableStatFactory, tableId);
+    return instantiateChild(tableStat_, tableId, &NotifieeConst::onTableStat, tableStatFactory, tableId);
   }
   void tableStatDel(TableId tableId) { entryDel(tableStat_, tableId, &NotifieeConst::onTableStat); }
   void tableStatDelAll() { entryDelAll(tableStat_, &NotifieeConst::onTableStat); }

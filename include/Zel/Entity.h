@@ -10,7 +10,7 @@
 //   void configVersionIs(U32 v) { attributeIs(configVersion_, v, &NotifieeConst::onConfigVersion); }
 //   void configVersionInc(U32 d) { attributeInc(configVersion_, d, &NotifieeConst::onConfigVersion); }
 //   void commentIs(String const& k, String const& v) { entryIs(comment_, k, v, &NotifieeConst::onComment); }
-//   Ptr<Xact> xactIs(U32 id) { return childIs(xact_, id, &NotifieeConst::onXact, xactFactory, id); }
+//   Ptr<Xact> xactIs(U32 id) { return instantiateChild(xact_, id, &NotifieeConst::onXact, xactFactory, id); }
 #pragma once
 
 #include <Zel/AllocTrack.h>
@@ -149,7 +149,7 @@ protected:
   // Finds the child under `key` (checking that `args` match its constructor parameters) or
   // makes it with factory(args...), stores it and notifies.
   template <class Map, class N, class P, class Factory, class... A>
-  typename Map::mapped_type childIs(Map& map, typename Map::key_type const& key,
+  typename Map::mapped_type instantiateChild(Map& map, typename Map::key_type const& key,
                                     void (N::*handler)(P), Factory&& factory, A const&... args) {
     if (auto const* present = map.find(key)) {
       checkReinstantiation(**present, args...);

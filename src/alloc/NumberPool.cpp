@@ -165,7 +165,7 @@ Zel::Ptr<NumberPoolWithTimestamp> numberPoolWithTimestampFactory(Seconds timesta
 Zel::Ptr<TimedNumberPool> timedNumberPoolFactory() { return Zel::allocate<TimedNumberPool>(); }
 
 Zel::Ptr<NumberPoolWithTimestamp> TimedNumberPool::timedPoolIs(Seconds timestamp) {
-  return childIs(timedPool_, timestamp, &NotifieeConst::onTimedPool,
+  return instantiateChild(timedPool_, timestamp, &NotifieeConst::onTimedPool,
                  numberPoolWithTimestampFactory, timestamp);
 }
 

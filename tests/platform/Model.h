@@ -170,7 +170,7 @@ public:
 
   Zel::Ptr<Leaf> leaf(U32 id) const { return leaf_.value(id); }
   Zel::Ptr<Leaf> leafIs(U32 id, U32 size, Zel::Name shade) {
-    return childIs(leaf_, id, &NotifieeConst::onLeaf, leafFactory, id, size, shade);
+    return instantiateChild(leaf_, id, &NotifieeConst::onLeaf, leafFactory, id, size, shade);
   }
   void leafDel(U32 id) { entryDel(leaf_, id, &NotifieeConst::onLeaf); }
   void leafDelAll() { entryDelAll(leaf_, &NotifieeConst::onLeaf); }
@@ -193,9 +193,6 @@ protected:
   explicit Tree(Zel::Name name) : name_(name) {}
 
 private:
-  // The attribute's mutator hides the runtime helper of the same name, which leafIs needs.
-  using Zel::Notifier::childIs;
-
   Zel::Name name_;
   Zel::HashMap2018<Zel::String, Zel::String> comment_;
   Zel::RbTreeMap<U32, Zel::Ptr<Leaf>> leaf_;
