@@ -49,7 +49,8 @@ public:
     Ptr<Clock const> clock_;
     Seconds timeMin_ = endOfTime;
     U64 armOrder_ = 0;
-    std::size_t heapIndex_ = notInHeap;
+    std::size_t heapIndex_ = notInHeap;  // in the heap, or in the firing batch when firing_
+    bool firing_ = false;
   };
 
   // The time source's current time.
@@ -59,9 +60,10 @@ public:
   Seconds nextTime() const noexcept { return heap_.empty() ? endOfTime : heap_.front().time; }
   std::size_t armedCount() const noexcept { return heap_.size(); }
 
-  // Fires due notifiees (timeMin <= now) in order, stopping at the first one that was armed
-  // during this call: it and everything after it wait for the next call, so a handler that
-  // re-arms for a past time never runs again within the same call. Returns the number fired.
+  // Fires, in order, every notifiee due at `now` (timeMin <= now) when the call begins, skipping
+  // those a handler disarms or moves meanwhile. A notifiee armed during the call waits for the
+  // next one, so a handler that re-arms for a past time never runs again within the same call
+  // and never holds back the others. Returns the number fired. Not reentrant.
   std::size_t doFireDue(Seconds now);
 
 protected:
@@ -90,6 +92,10 @@ private:
 
   // Notifiees observe the clock as const, yet arming changes its schedule.
   mutable std::vector<Slot> heap_;
+  // The notifiees taken out of the heap to fire in the current doFireDue; null where a handler
+  // disarmed or moved one before its turn.
+  mutable std::vector<NotifieeConst*> batch_;
+  bool firingBatch_ = false;
   mutable U64 nextOrder_ = 0;
 };
 

@@ -85,6 +85,11 @@ void Clock::arm(NotifieeConst& n) const {
 }
 
 void Clock::rearm(NotifieeConst& n) const noexcept {
+  if (n.firing_) {
+    unarm(n);
+    arm(n);
+    return;
+  }
   n.armOrder_ = nextOrder_++;
   Slot& slot = heap_[n.heapIndex_];
   slot.time = n.timeMin_;
@@ -105,6 +110,11 @@ void Clock::resift(std::size_t index) const noexcept {
 void Clock::unarm(NotifieeConst& n) const noexcept {
   std::size_t index = n.heapIndex_;
   n.heapIndex_ = NotifieeConst::notInHeap;
+  if (n.firing_) {
+    n.firing_ = false;
+    batch_[index] = nullptr;
+    return;
+  }
   Slot const last = heap_.back();
   heap_.pop_back();
   if (index == heap_.size()) return;
@@ -117,14 +127,43 @@ void Clock::unarm(NotifieeConst& n) const noexcept {
   siftUp(index);
 }
 
+// The due notifiees leave the heap before any fires, so that one re-armed by its handler for a
+// past time goes back into the heap behind them instead of to its front.
 std::size_t Clock::doFireDue(Seconds now) {
-  U64 const turn = nextOrder_;
-  std::size_t fired = 0;
-  while (!heap_.empty() && heap_.front().time <= now && heap_.front().order < turn) {
+  ZEL_ASSERT(!firingBatch_);
+  while (!heap_.empty() && heap_.front().time <= now) {
     NotifieeConst& n = *heap_.front().notifiee;
-    n.timeMinIs(endOfTime);
+    unarm(n);
+    n.firing_ = true;
+    n.heapIndex_ = batch_.size();
+    batch_.push_back(&n);
+  }
+  firingBatch_ = true;
+  std::size_t fired = 0;
+  std::size_t next = 0;
+  // If a handler throws, the notifiees not yet fired go back into the heap, still due.
+  struct EndOfBatch {
+    Clock& clock;
+    std::size_t& next;
+    ~EndOfBatch() {
+      for (; next < clock.batch_.size(); ++next) {
+        if (NotifieeConst* const n = clock.batch_[next]) {
+          n->firing_ = false;
+          clock.arm(*n);
+        }
+      }
+      clock.batch_.clear();
+      clock.firingBatch_ = false;
+    }
+  } const end{*this, next};
+  while (next < batch_.size()) {
+    NotifieeConst* const n = batch_[next++];
+    if (!n) continue;
+    n->firing_ = false;
+    n->heapIndex_ = NotifieeConst::notInHeap;
+    n->timeMin_ = endOfTime;
     ++fired;
-    n.onTime();
+    n->onTime();
   }
   return fired;
 }
