@@ -296,16 +296,16 @@ GenericIf::Attribute describe(CollectionAttr<Member, Set, Del, DelAll> const& d)
 }
 
 template <class T, class Factory, class CtorParams, class... A>
-std::unique_ptr<GenericIf> entityRecord(EntityAttributes<T, Factory, CtorParams, A...> const& spec) {
-  auto record = std::make_unique<GenericIf>(spec.typeName, false);
+std::unique_ptr<GenericIf> entityRecord(EntityAttributes<T, Factory, CtorParams, A...> const& declared) {
+  auto record = std::make_unique<GenericIf>(declared.typeName, false);
   std::apply(
       [&](auto const&... p) {
         (record->attributeIs(readOnly<T>(p.name, AttributeKind::constructorParameter, p.get)), ...);
       },
-      spec.ctorParams);
+      declared.ctorParams);
   std::apply([&](auto const&... d) { (record->attributeIs(describe<T>(d)), ...); },
-             spec.attributes);
-  record->constructorIs([factory = spec.factory](std::vector<std::any> const& args) {
+             declared.attributes);
+  record->constructorIs([factory = declared.factory](std::vector<std::any> const& args) {
     return [&]<class R, class... P>(R (*)(P...)) -> Ptr<PtrInterface> {
       if (args.size() != sizeof...(P)) {
         throw RangeException("Wrong number of constructor arguments");

@@ -89,8 +89,8 @@ constexpr void forEachField(Visitor&& visit) {
 
 template <ValueType T>
 constexpr bool printsAsSingleValue() {
-  constexpr auto spec = T::zelFields();
-  return spec.size == 1 && std::string_view(std::get<0>(spec.fields).name) == "value";
+  constexpr auto declared = T::zelFields();
+  return declared.size == 1 && std::string_view(std::get<0>(declared.fields).name) == "value";
 }
 
 // Hash of any key: value types combine the hashes of their fields.
