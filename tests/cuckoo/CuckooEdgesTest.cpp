@@ -77,7 +77,12 @@ void initialize(U8 numTables, std::vector<std::pair<U8, U32>> const& tables, U32
   hashTableFactory(config, statusFactory("s"))->handleInitialized();
 }
 
-TEST(CuckooDeathTest, ConfigurationErrorsAreFatal) {
+class Opaque : public HashItem {
+public:
+  bool isEqual(Zel::Ptr<HashItem const> const&) const override { return false; }
+};
+
+TEST(CuckooDeathTest, ConfigurationErrorsAndMisuseAreFatal) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");
   EXPECT_DEATH(initialize(0, {}), "Assertion failed: config\\(\\)->numTables\\(\\) \\(");
   EXPECT_DEATH(initialize(2, {{0, 8}}),
@@ -93,15 +98,6 @@ TEST(CuckooDeathTest, ConfigurationErrorsAreFatal) {
   for (U8 id = 0; id <= TableId::null; ++id) ten.emplace_back(id, 4);
   EXPECT_DEATH(initialize(10, ten),
                "Assertion failed: config\\(\\)->numTables\\(\\) < TableId::null");
-}
-
-class Opaque : public HashItem {
-public:
-  bool isEqual(Zel::Ptr<HashItem const> const&) const override { return false; }
-};
-
-TEST(CuckooDeathTest, MisuseIsFatal) {
-  GTEST_FLAG_SET(death_test_style, "threadsafe");
   Rig rig({8, 2, 2});
   EXPECT_DEATH(rig.table->lookupItem(nullptr), "Assertion failed: item \\(");
   EXPECT_DEATH(rig.table->handleInitialized(), "Assertion failed: !initialized\\(\\)");
@@ -116,18 +112,11 @@ TEST(CuckooDeathTest, MisuseIsFatal) {
   EXPECT_DEATH(opaque->toStrep(), notImplemented);
 }
 
+// Counters, the queued clears of removals and the fate of pending items are the workload's.
 TEST(CuckooInsert, FreeSlotsAreTakenInTableThenBinOrder) {
   Rig rig({8, 2, 2});
-  auto const a = item(1, 3, 5);
-  ASSERT_TRUE(rig.table->insertItem(a));
-  auto const first = rig.queued();
-  ASSERT_EQ(first.size(), 1u);
-  EXPECT_EQ(first[0]->location(), at(0, 0, 3));
-  EXPECT_EQ(first[0]->item(), a);
-  EXPECT_FALSE(first[0]->replacedItem());
-  rig.ack();
-
-  std::vector<std::pair<Zel::Ptr<HashItem const>, CuckooLocation>> const expected = {
+  std::pair<Zel::Ptr<HashItem const>, CuckooLocation> const expected[] = {
+      {item(1, 3, 5), at(0, 0, 3)},
       {item(2, 11, 5), at(0, 1, 3)},  // 11 mod 8 is bucket 3 too
       {item(3, 3, 5), at(1, 0, 5)},
       {item(4, 3, 13), at(1, 1, 5)}};
@@ -136,49 +125,18 @@ TEST(CuckooInsert, FreeSlotsAreTakenInTableThenBinOrder) {
     auto const writes = rig.queued();
     ASSERT_EQ(writes.size(), 1u);
     EXPECT_EQ(writes[0]->location(), location);
+    EXPECT_EQ(writes[0]->item(), next);
+    EXPECT_FALSE(writes[0]->replacedItem());
     rig.ack();
   }
-  EXPECT_EQ(rig.status->tableStat(TableId(0))->numOfHashItems(), 2u);
-  EXPECT_EQ(rig.status->tableStat(TableId(1))->numOfHashItems(), 2u);
-  EXPECT_EQ(rig.status->totalCmdReadCompleted(), 4u);
-
-  // An equal item (another handle, same key) is present already: nothing is queued.
-  EXPECT_TRUE(rig.table->insertItem(item(3, 3, 5)));
-  EXPECT_EQ(rig.queue()->itemSeqs(), 0u);
+  // Another handle with the same key finds the resident.
   auto const found = rig.table->lookupItem(item(3, 3, 5));
   ASSERT_TRUE(found);
   EXPECT_EQ(found->location(), at(1, 0, 5));
   EXPECT_EQ(keyOf(found->item()), 3u);
   EXPECT_FALSE(rig.table->lookupItem(item(9, 3, 5)));
   EXPECT_FALSE(rig.table->itemLocation(item(9, 3, 5)));
-}
-
-TEST(CuckooRemove, AbsentAndNullItemsReturnFalseAndPendingItemsAreDropped) {
-  Rig rig({1, 1, 1}, [](Config& c) {
-    c.maxRetryIs(1);
-    c.maxLoopIs(3);
-  });
-  auto const resident = item(1, 0);
-  ASSERT_TRUE(rig.table->insertItem(resident));
-  rig.ack();
   EXPECT_FALSE(rig.table->deleteItem(nullptr));
-  EXPECT_FALSE(rig.table->deleteItem(item(2, 0)));
-  EXPECT_EQ(rig.queue()->itemSeqs(), 0u);
-
-  auto const pending = item(3, 0);
-  EXPECT_FALSE(rig.table->insertItem(pending));
-  EXPECT_TRUE(rig.status->pendingItemSetHas(pending));
-  EXPECT_FALSE(rig.table->deleteItem(pending));
-  EXPECT_EQ(rig.status->pendingItemSets(), 0u);
-
-  // Another handle with the resident's key removes it, with one clear.
-  EXPECT_TRUE(rig.table->deleteItem(item(1, 0)));
-  auto const writes = rig.queued();
-  ASSERT_EQ(writes.size(), 1u);
-  EXPECT_EQ(writes[0]->location(), at(0, 0, 0));
-  EXPECT_FALSE(writes[0]->item());
-  EXPECT_EQ(writes[0]->replacedItem(), resident);
-  EXPECT_EQ(rig.status->tableStat(TableId(0))->numOfHashItems(), 0u);
 }
 
 // Fills every slot through the engine's slot write, each item hashing to its own bucket.
@@ -211,8 +169,6 @@ TEST(CuckooEviction, TwoTablesAlternateStrictlyAndRevertRestoresEverySlot) {
   rig.table->revertChanges(path);
   EXPECT_EQ(path->cmdLogs(), 0u);
   EXPECT_EQ(rig.shadow(), before);
-  EXPECT_EQ(rig.status->tableStat(TableId(0))->numOfHashItems(), 8u);
-  EXPECT_EQ(rig.status->tableStat(TableId(1))->numOfHashItems(), 8u);
 }
 
 // A path that puts N down in L1, moves A and B, picks N up again from L1 and ends in a free slot:
@@ -248,8 +204,6 @@ TEST(CuckooEviction, HitlessDropsTheCycleAndQueuesTheRestNewestFirst) {
   EXPECT_EQ(writes[0]->item(), p.c);
   EXPECT_EQ(writes[1]->location(), p.l3);
   EXPECT_EQ(writes[1]->item(), p.n);
-  EXPECT_EQ(rig.status->tableStat(TableId(0))->numOfHashItems(), 2u);
-  EXPECT_EQ(rig.status->tableStat(TableId(1))->numOfHashItems(), 2u);
   EXPECT_EQ(rig.status->tableStat(TableId(1))->numOfEvicts(), 1u);
   EXPECT_TRUE(rig.table->verifyCuckooCmdsHitless());
 }
@@ -295,7 +249,6 @@ TEST(CuckooFailure, OneSlotTableFailsUnchangedAndTheLogsKeepNAndNPlusOne) {
   EXPECT_EQ(rig.status->firstFailLoadFactorIteratorConst().begin()->first, 0u);
   EXPECT_EQ(rig.status->lastFailLoadFactorIteratorConst().begin()->first, 3u);
   EXPECT_FLOAT_EQ(rig.status->lastFailLoadFactor(6), 1.0f);
-  EXPECT_EQ(rig.status->tableStat(TableId(0))->numOfHashItems(), 1u);
 }
 
 class CuckooReview : public testing::Test {

@@ -21,7 +21,7 @@ UniqueId made() {
   return id;
 }
 
-TEST_F(UniqueIdTest, DefaultIsUnsetUntilInitialized) {
+TEST_F(UniqueIdTest, DefaultIsUnsetUntilInitializedAndANewSecondRestartsCounts) {
   Zel::System::virtualTimeIs(1'000'000'000.75);
   UniqueId id;
   EXPECT_FALSE(id.isSet());
@@ -42,6 +42,15 @@ TEST_F(UniqueIdTest, DefaultIsUnsetUntilInitialized) {
   partly.countIs(0);
   partly.doInit();
   EXPECT_EQ(partly.timestamp(), 5u);
+  EXPECT_EQ(partly.toStrep(),
+            "Value('Kiv::UniqueId', ** {'timestamp': 5, 'pid': 65535, 'count': 0})");
+
+  Zel::System::virtualTimeIs(1'000'000'000.999);
+  EXPECT_EQ(made().count(), 1u);
+  Zel::System::virtualTimeIs(1'000'000'001);
+  UniqueId const next = made();
+  EXPECT_EQ(next.timestamp(), 1'000'000'001u);
+  EXPECT_EQ(next.count(), 0u);
 }
 
 TEST_F(UniqueIdTest, BurstPastOneSecondsCountsWaitsForTheNext) {
@@ -61,35 +70,6 @@ TEST_F(UniqueIdTest, BurstPastOneSecondsCountsWaitsForTheNext) {
   EXPECT_TRUE(previous < next);
   EXPECT_EQ(Zel::System::currentTime(), start + 1);
   EXPECT_EQ(made().count(), 1u);
-}
-
-TEST_F(UniqueIdTest, NewSecondRestartsCounts) {
-  Zel::System::virtualTimeIs(1'200'000'000);
-  made();
-  EXPECT_EQ(made().count(), 1u);
-  Zel::System::virtualTimeIs(1'200'000'000.999);
-  EXPECT_EQ(made().count(), 2u);
-  Zel::System::virtualTimeIs(1'200'000'001);
-  UniqueId const id = made();
-  EXPECT_EQ(id.timestamp(), 1'200'000'001u);
-  EXPECT_EQ(id.count(), 0u);
-}
-
-TEST_F(UniqueIdTest, OrderIsTimestampThenPidThenCount) {
-  auto id = [](U32 timestamp, U16 pid, U16 count) {
-    UniqueId u;
-    u.timestampIs(timestamp);
-    u.pidIs(pid);
-    u.countIs(count);
-    return u;
-  };
-  EXPECT_TRUE(id(1, 0xffff, 0xffff) < id(2, 0, 0));
-  EXPECT_TRUE(id(2, 1, 0xffff) < id(2, 2, 0));
-  EXPECT_TRUE(id(2, 2, 0) < id(2, 2, 1));
-  EXPECT_FALSE(id(2, 2, 1) < id(2, 2, 1));
-  EXPECT_TRUE(id(0x7fffffff, 0, 0) < id(0x80000000, 0, 0));
-  EXPECT_EQ(id(1700000000, 4242, 7).toStrep(),
-            "Value('Kiv::UniqueId', ** {'timestamp': 1700000000, 'pid': 4242, 'count': 7})");
 }
 
 }  // namespace

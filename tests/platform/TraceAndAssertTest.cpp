@@ -78,36 +78,16 @@ TEST(Trace, LevelsAboveTheHandlesAreOffAndFormatNothing) {
   EXPECT_NE(text.find("\nTraceTest[9] nine ("), std::string::npos) << text;
 }
 
-// Sets an environment variable for one scope and restores what was there.
-class EnvironmentVariable {
-public:
-  EnvironmentVariable(char const* name, char const* value) : name_(name) {
-    if (char const* old = std::getenv(name)) old_ = old;
-    setenv(name, value, 1);
-  }
-  ~EnvironmentVariable() {
-    if (old_) {
-      setenv(name_, old_->c_str(), 1);
-    } else {
-      unsetenv(name_);
-    }
-  }
-  EnvironmentVariable(EnvironmentVariable const&) = delete;
-  EnvironmentVariable& operator=(EnvironmentVariable const&) = delete;
-
-private:
-  char const* name_;
-  std::optional<std::string> old_;
-};
-
 TEST(Trace, HandlesTakeTheirLevelFromTheEnvironmentWhenMade) {
+  char const* const old = std::getenv("KIV_TRACE");
+  std::optional<std::string> const saved = old ? std::optional<std::string>(old) : std::nullopt;
   // A handle's own entry wins over "*" even when it is lower; unreadable entries are skipped.
-  EnvironmentVariable setting("KIV_TRACE",
-                              "*=5,TraceEnvNamed=1,junk,TraceEnvHigh=12,TraceEnvBad=x");
+  setenv("KIV_TRACE", "*=5,TraceEnvNamed=1,junk,TraceEnvHigh=12,TraceEnvBad=x", 1);
   EXPECT_EQ(Zel::traceHandle<"TraceEnvNamed">().level(), 1);
   EXPECT_EQ(Zel::traceHandle<"TraceEnvOther">().level(), 5);
   EXPECT_EQ(Zel::traceHandle<"TraceEnvHigh">().level(), Zel::TraceHandle::maxLevel);
   EXPECT_EQ(Zel::traceHandle<"TraceEnvBad">().level(), 5);
+  saved ? setenv("KIV_TRACE", saved->c_str(), 1) : unsetenv("KIV_TRACE");
 }
 
 class Unheld : public Zel::PtrInterface {};

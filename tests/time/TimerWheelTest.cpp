@@ -438,22 +438,6 @@ TEST_F(TimerWheelTest, DeadlinesBeyondCapacityAreRefiledAndFireOnTime) {
   EXPECT_EQ(late.firedAt, start + 1.0);
 }
 
-TEST_F(TimerWheelTest, PreserveOrderKeepsFilingOrderAcrossACascade) {
-  for (bool preserve : {true, false}) {
-    Seconds const now = currentTime();
-    auto const wheel = makeWheel(10, 16, 4, preserve);
-    std::vector<int> order;
-    std::vector<std::unique_ptr<Probe>> probes;
-    for (int i = 0; i < 4; ++i) {
-      probes.push_back(std::make_unique<Probe>(wheel, [&order, i](Probe&) { order.push_back(i); }));
-      probes.back()->timeMinIs(now + 0.06);  // level 1: one cascade on the way down
-    }
-    activity()->runUntil(now + 1);
-    std::vector<int> const filingOrder{0, 1, 2, 3}, reversed{3, 2, 1, 0};
-    EXPECT_EQ(order, preserve ? filingOrder : reversed);
-  }
-}
-
 TEST_F(TimerWheelTest, EachClockEventStopsAfterTheProcessTimeLimit) {
   auto const wheel = Kiv::timerWheelFactory(nullptr, 10, 1000, true, 64);
   std::vector<std::unique_ptr<Probe>> probes;
