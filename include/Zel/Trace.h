@@ -65,37 +65,44 @@ TraceHandle& traceHandle() {
 // line when it goes out of scope.
 class TraceHelper {
 public:
-  // The defaults capture the statement's own file, line and function.
+  // The defaults capture the statement's own file, line and function. A disabled statement keeps
+  // nothing but a null pointer, so it costs the level test alone.
   TraceHelper(TraceHandle const& handle, int level, char const* file = __builtin_FILE(),
-              unsigned line = __builtin_LINE(), char const* function = __builtin_FUNCTION())
-      : handle_(handle), level_(level), file_(file), line_(line), function_(function) {
-    if (handle.enabled(level)) [[unlikely]] start();
+              unsigned line = __builtin_LINE(), char const* function = __builtin_FUNCTION()) {
+    if (handle.enabled(level)) [[unlikely]] start(handle, level, file, line, function);
   }
   TraceHelper(TraceHelper const&) = delete;
   TraceHelper& operator=(TraceHelper const&) = delete;
   ~TraceHelper() {
-    if (text_) [[unlikely]] finish();
+    if (line_) [[unlikely]] finish();
   }
 
-  explicit operator bool() const noexcept { return text_ != nullptr; }
+  explicit operator bool() const noexcept { return line_ != nullptr; }
 
   template <class T>
   TraceHelper& operator<<(T const& value) {
-    if (text_) *text_ << value;
+    if (line_) line_->text << value;
     return *this;
   }
 
 private:
-  // Out of line, so that the disabled path inlines to the level test alone.
-  void start();
+  // The line being written, with where it comes from.
+  struct Line {
+    std::ostringstream text;
+    TraceHandle const* handle;
+    int level;
+    char const* file;
+    unsigned line;
+    char const* function;
+  };
+
+  // Out of line, so that the disabled path inlines to the level test alone; finish() writes the
+  // line and frees it.
+  void start(TraceHandle const& handle, int level, char const* file, unsigned line,
+             char const* function);
   void finish() noexcept;
 
-  TraceHandle const& handle_;
-  int level_;
-  char const* file_;
-  unsigned line_;
-  char const* function_;
-  std::unique_ptr<std::ostringstream> text_;
+  Line* line_ = nullptr;
 };
 
 }  // namespace Zel

@@ -82,11 +82,15 @@ void TraceHandle::trace(int level, std::string_view text, char const* file, unsi
   out.flush();
 }
 
-void TraceHelper::start() { text_ = std::make_unique<std::ostringstream>(); }
+void TraceHelper::start(TraceHandle const& handle, int level, char const* file, unsigned line,
+                        char const* function) {
+  line_ = new Line{{}, &handle, level, file, line, function};
+}
 
 void TraceHelper::finish() noexcept {
+  std::unique_ptr<Line> const done(line_);
   try {
-    handle_.trace(level_, text_->view(), file_, line_, function_);
+    done->handle->trace(done->level, done->text.view(), done->file, done->line, done->function);
   } catch (...) {
     // A trace line that cannot be written is dropped; tracing never fails the traced code.
   }
