@@ -89,6 +89,10 @@
 #include <memory>
 #include <vector>
 
+namespace Zel {
+class TraceHandle;
+}
+
 namespace Kiv {
 
 // The number of slots of one level of a timer wheel: 2 to 0xFFFFFFFE.
@@ -99,7 +103,10 @@ public:
 
   U32 value() const noexcept { return value_; }
   // Throws Zel::RangeException "BucketSize::value < 2 or > 0xfffffffe not allowed".
-  void valueIs(U32 size);
+  void valueIs(U32 size) {
+    if (size < 2 || size > 0xfffffffe) [[unlikely]] throwOutOfRange();
+    value_ = size;
+  }
   // A bucket size is a count of slots wherever a number is expected.
   operator U32() const noexcept { return value_; }
 
@@ -109,6 +116,7 @@ public:
   }
 
 private:
+  [[noreturn]] static void throwOutOfRange();
   U32 value_ = 2;
 };
 
@@ -156,8 +164,8 @@ public:
 
   private:
     friend class TimerWheel;
-    friend void insertNotifiee(TimerWheel* tw, NotifieeConst* n, U32 ticks);
-    friend void removeNotifiee(TimerWheel* tw, NotifieeConst* n);
+    friend inline void insertNotifiee(TimerWheel* tw, NotifieeConst* n, U32 ticks);
+    friend inline void removeNotifiee(TimerWheel* tw, NotifieeConst* n);
 
     // Timers observe the wheel as const, yet filing one changes the wheel's bookkeeping (as
     // arming a Zel::Clock notifiee changes the clock's schedule).
@@ -245,16 +253,17 @@ protected:
   virtual void doUpdateSystemClock(Seconds time, U32 index);
 
 private:
-  // The wheel's own steps (HTimerWheel.cpp).
-  friend void insertNotifiee(TimerWheel* tw, NotifieeConst* n, U32 ticks);
-  friend void removeNotifiee(TimerWheel* tw, NotifieeConst* n);
-  friend void deleteTimer(TimerWheel* tw, NotifieeConst* n);
-  friend void newTimer(TimerWheel* tw, NotifieeConst* n);
+  // The wheel's own steps (HTimerWheel.cpp). Those on the arming path are inline there and
+  // compile into timeMinIs() as one function.
+  friend inline void insertNotifiee(TimerWheel* tw, NotifieeConst* n, U32 ticks);
+  friend inline void removeNotifiee(TimerWheel* tw, NotifieeConst* n);
+  friend inline void deleteTimer(TimerWheel* tw, NotifieeConst* n);
+  friend inline void newTimer(TimerWheel* tw, NotifieeConst* n);
   friend void rearrangeTimers(TimerWheel* tw);
-  friend void maybePullUpWheelTime(TimerWheel* tw);
-  friend void maybeUpdateSystemClock(TimerWheel* tw, U32 level, U32 index, bool added);
+  friend inline void maybePullUpWheelTime(TimerWheel* tw);
+  friend inline void maybeUpdateSystemClock(TimerWheel* tw, U32 level, U32 index, bool added);
   friend void shutdownWheel(TimerWheel* tw);
-  friend void logEntry(TimerWheel* tw, NotifieeConst const* n, U8 op);
+  friend inline void logEntry(TimerWheel* tw, NotifieeConst const* n, U8 op);
   friend void printLogEntries(TimerWheel const* tw, std::ostream& out);
 
   class ZelSystemClock : public Zel::Clock::NotifieeConst {
@@ -281,9 +290,9 @@ private:
   };
 
   // Called by NotifieeConst: on a change of timeMin, on attaching, on detaching. Internal to the
-  // library (hidden), so that calls on the arming path are direct and may be inlined.
-  [[gnu::visibility("hidden")]] void timeUpdateIs(NotifieeConst* n);
-  [[gnu::visibility("hidden")]] void newNotifiee(NotifieeConst* n);
+  // library (hidden); the first two are on the arming path and inline like the steps.
+  [[gnu::visibility("hidden")]] inline void timeUpdateIs(NotifieeConst* n);
+  [[gnu::visibility("hidden")]] inline void newNotifiee(NotifieeConst* n);
   [[gnu::visibility("hidden")]] void deleteNotifiee(NotifieeConst* n);
 
   void handleInitialized();
@@ -308,6 +317,8 @@ private:
     if (--levels_[level].timers == 0) --nonEmptyLevels_;
   }
 
+  // The file's trace handle, held so that a disabled statement costs two loads and a branch.
+  Zel::TraceHandle const* const trace_;
   Zel::Ptr<Zel::Clock const> systemClock_;
   U32 tickMsecs_;
   U32 initialMaxTicks_;

@@ -14,13 +14,6 @@ namespace Kiv {
 
 namespace {
 
-// The file's trace handle, made on first use. Holding the reference here keeps the disabled
-// statements on the arming path to one load and one branch.
-Zel::TraceHandle const& trace() {
-  static Zel::TraceHandle const& handle = Zel::traceHandle<"HTimerWheel">();
-  return handle;
-}
-
 using Notifiee = TimerWheel::NotifieeConst;
 using std::isnan;
 
@@ -83,11 +76,8 @@ void refileSlot(TimerWheel* tw, U32 level, U32 index) {
 
 // ---- BucketSize -------------------------------------------------------------------------------
 
-void BucketSize::valueIs(U32 size) {
-  if (size < 2 || size > 0xfffffffe) {
-    throw Zel::RangeException("BucketSize::value < 2 or > 0xfffffffe not allowed");
-  }
-  value_ = size;
+void BucketSize::throwOutOfRange() {
+  throw Zel::RangeException("BucketSize::value < 2 or > 0xfffffffe not allowed");
 }
 
 // ---- Timers -----------------------------------------------------------------------------------
@@ -121,7 +111,8 @@ Zel::Ptr<TimerWheel> timerWheelFactory(Zel::Ptr<Zel::Clock const> const& systemC
 
 TimerWheel::TimerWheel(Zel::Ptr<Zel::Clock const> const& systemClock, U32 tickMsecs,
                        U32 initialMaxTicks, bool preserveOrder, U32 defaultBucketSize)
-    : systemClock_(systemClock),
+    : trace_(&Zel::traceHandle<"HTimerWheel">()),
+      systemClock_(systemClock),
       tickMsecs_(tickMsecs),
       initialMaxTicks_(initialMaxTicks),
       preserveOrder_(preserveOrder),
@@ -150,7 +141,7 @@ void TimerWheel::handleInitialized() {
     doAddNewBucket(defaultBucketSize_);
   } while (maxTicks_ < initialMaxTicks_);
   if (bucketCount() == 1) doAddNewBucket(defaultBucketSize_);
-  if (auto t = Zel::TraceHelper(trace(), 5)) {
+  if (auto t = Zel::TraceHelper(*trace_, 5)) {
     t << "TimerWheel::handleInitialized: Total buckets created " << bucketCount() << " of "
       << defaultBucketSize_ << " each.";
   }
@@ -158,7 +149,7 @@ void TimerWheel::handleInitialized() {
 }
 
 void TimerWheel::doAddNewBucket(U32 size) {
-  if (auto t = Zel::TraceHelper(trace(), 5)) {
+  if (auto t = Zel::TraceHelper(*trace_, 5)) {
     t << "TimerWheel::doAddNewBucket" << " ## Add a new bucket to index " << bucketCount()
       << " of size " << size;
   }
@@ -169,7 +160,7 @@ void TimerWheel::doAddNewBucket(U32 size) {
   levels_.push_back(Level{std::make_unique<HeadNTail[]>(checked), checked, 0, 0, shift});
   U64 const product = U64(maxTicks_) * checked;
   maxTicks_ = product > 0xFFFFFFFF ? 0xFFFFFFFF : static_cast<U32>(product);
-  if (auto t = Zel::TraceHelper(trace(), 5)) {
+  if (auto t = Zel::TraceHelper(*trace_, 5)) {
     t << "Total number of buckets now is " << bucketCount();
   }
 }
@@ -201,9 +192,9 @@ void TimerWheel::processTimeLimitIs(Seconds limit) {
 
 Seconds TimerWheel::time() const noexcept { return Zel::System::currentTime(); }
 
-void TimerWheel::timeUpdateIs(NotifieeConst* n) {
+[[gnu::always_inline]] inline void TimerWheel::timeUpdateIs(NotifieeConst* n) {
   ZEL_ASSERT(bucketCount() >= 2);
-  if (auto t = Zel::TraceHelper(trace(), 9)) {
+  if (auto t = Zel::TraceHelper(*trace_, 9)) {
     t << "timeUpdateIs: Updating notifiee timeMin of " << id(n) << " to " << n->timeMin();
   }
   ZEL_ASSERT(!isnan( n->timeMin() ));
@@ -218,18 +209,18 @@ void TimerWheel::timeUpdateIs(NotifieeConst* n) {
   }
 }
 
-void TimerWheel::newNotifiee(NotifieeConst* n) {
+[[gnu::always_inline]] inline void TimerWheel::newNotifiee(NotifieeConst* n) {
   Seconds const when = n->timeMin();
   if (when == Zel::endOfTime) return;
   if (when != 0.0 && when != Zel::beginningOfTime) {
-    if (auto t = Zel::TraceHelper(trace(), 8)) {
+    if (auto t = Zel::TraceHelper(*trace_, 8)) {
       t << "newNotfiee: Adding notifiee " << id(n) << " with timeMin " << when;
     }
     ZEL_ASSERT(!isnan( when ));
     newTimer(this, n);
     return;
   }
-  if (auto t = Zel::TraceHelper(trace(), 8)) t << "Setting notifiee " << id(n) << " to endOfTime";
+  if (auto t = Zel::TraceHelper(*trace_, 8)) t << "Setting notifiee " << id(n) << " to endOfTime";
   n->timeMin_ = Zel::endOfTime;
 }
 
@@ -245,7 +236,7 @@ void TimerWheel::scheduleClock(U32 index) {
 
 void TimerWheel::doUpdateSystemClock(Seconds time, U32 index) {
   if (!systemClock_) return;
-  if (auto t = Zel::TraceHelper(trace(), 8)) {
+  if (auto t = Zel::TraceHelper(*trace_, 8)) {
     t << " doUpdateSystemClock to time " << time << ", index " << index << " time now is "
       << this->time();
   }
@@ -253,7 +244,7 @@ void TimerWheel::doUpdateSystemClock(Seconds time, U32 index) {
   if (systemClockTakesOffsetTime_ && time != Zel::endOfTime) time += this->time();
   zelSystemClock_.timeMinIs(time);
   scheduledWheelIndex_ = index;
-  if (auto t = Zel::TraceHelper(trace(), 8)) {
+  if (auto t = Zel::TraceHelper(*trace_, 8)) {
     t << "Returning from doUpdateSystemClock at " << this->time();
   }
 }
@@ -265,7 +256,7 @@ void TimerWheel::handleSystemClock() {
   for (;;) {
     U32 schedIndex = scheduledWheelIndex_;
     ZEL_ASSERT(schedIndex != InvalidWheelIndex);
-    if (auto t = Zel::TraceHelper(trace(), 8)) {
+    if (auto t = Zel::TraceHelper(*trace_, 8)) {
       t << "In handleSystemClock at " << time() << " schedIndex " << schedIndex;
     }
     ZEL_ASSERT(!systemClockHandlerActive());
@@ -290,7 +281,7 @@ void TimerWheel::handleSystemClock() {
       break;
     }
   }
-  if (auto t = Zel::TraceHelper(trace(), 8)) t << "Completed handleSystemClock at " << time();
+  if (auto t = Zel::TraceHelper(*trace_, 8)) t << "Completed handleSystemClock at " << time();
 }
 
 void TimerWheel::expireSlot(U32 index) {
@@ -300,9 +291,9 @@ void TimerWheel::expireSlot(U32 index) {
       removeNotifiee(this, n);
       logEntry(this, n, opExpired);
       n->timeMinIs(Zel::endOfTime);
-      if (auto t = Zel::TraceHelper(trace(), 9)) t << "call onTime of " << id(n);
+      if (auto t = Zel::TraceHelper(*trace_, 9)) t << "call onTime of " << id(n);
       n->onTimeMin();
-      if (auto t = Zel::TraceHelper(trace(), 9)) t << "call onTime completed";
+      if (auto t = Zel::TraceHelper(*trace_, 9)) t << "call onTime completed";
     }
   } catch (...) {
     // An owner's exception leaves the rest of the slot to the next clock event.
@@ -322,7 +313,7 @@ void TimerWheel::expireSlot(U32 index) {
 
 U32 forwardTicks(TimerWheel const* tw, Notifiee const* n) { return ticksUntil(tw, n); }
 
-[[gnu::visibility("hidden")]] void insertNotifiee(TimerWheel* tw, Notifiee* n, U32 ticks) {
+[[gnu::always_inline]] inline void insertNotifiee(TimerWheel* tw, Notifiee* n, U32 ticks) {
   U32 const last = tw->bucketCount() - 1;
   U32 bucketIndex = 0;
   U32 index;
@@ -336,7 +327,7 @@ U32 forwardTicks(TimerWheel const* tw, Notifiee const* n) { return ticksUntil(tw
       if (ticks < level.size) {
         index = static_cast<U32>((U64(level.current) + ticks) % level.size);
       } else {
-        if (auto t = Zel::TraceHelper(trace(), 3)) {
+        if (auto t = Zel::TraceHelper(*tw->trace_, 3)) {
           t << "Reducing timeout to fit the maximum timer capacity";
         }
         index = static_cast<U32>((U64(level.current) + level.size - 1) % level.size);
@@ -346,7 +337,7 @@ U32 forwardTicks(TimerWheel const* tw, Notifiee const* n) { return ticksUntil(tw
     ticks = level.shift != TimerWheel::notPowerOfTwo
                 ? static_cast<U32>((U64(ticks) + level.current) >> level.shift)
                 : static_cast<U32>((U64(ticks) + level.current) / level.size);
-    if (auto t = Zel::TraceHelper(trace(), 9)) {
+    if (auto t = Zel::TraceHelper(*tw->trace_, 9)) {
       t << "bucket size " << level.size << " ticks " << ticks;
     }
   }
@@ -370,7 +361,7 @@ U32 forwardTicks(TimerWheel const* tw, Notifiee const* n) { return ticksUntil(tw
   n->bucketIndex_ = bucketIndex;
   tw->levelTimerInc(bucketIndex);
   ++tw->insertions_;
-  if (auto t = Zel::TraceHelper(trace(), 7)) {
+  if (auto t = Zel::TraceHelper(*tw->trace_, 7)) {
     t << "Inserting " << id(n) << " in bucket " << bucketIndex << " at index " << index
       << " headNtail " << static_cast<void const*>(hnt) << " " << tw->insertions_
       << " currentIndex " << tw->levels_[bucketIndex].current << " scheduled "
@@ -379,23 +370,23 @@ U32 forwardTicks(TimerWheel const* tw, Notifiee const* n) { return ticksUntil(tw
   logEntry(tw, n, opFiled);
 }
 
-[[gnu::visibility("hidden")]] void removeNotifiee(TimerWheel* tw, Notifiee* n) {
+[[gnu::always_inline]] inline void removeNotifiee(TimerWheel* tw, Notifiee* n) {
   U32 const level = n->bucketIndex_;
-  if (auto t = Zel::TraceHelper(trace(), 9)) {
+  if (auto t = Zel::TraceHelper(*tw->trace_, 9)) {
     t << "removeNotifiee: Removing " << id(n) << " from bucket " << level;
   }
   HeadNTail* const slot = &tw->levels_[level].slots[n->wheelIndex_];
   HeadNTail* const hnt = slot->h ? slot : nullptr;
   ZEL_ASSERT(hnt);
   if (!n->prev_) {
-    if (auto t = Zel::TraceHelper(trace(), 9)) {
+    if (auto t = Zel::TraceHelper(*tw->trace_, 9)) {
       t << "Removing: " << id(n) << " is the head. prev " << id(n->prev_) << " next "
         << id(n->next_);
     }
     ZEL_ASSERT(hnt->h == n);
     hnt->h = n->next_;
   } else {
-    if (auto t = Zel::TraceHelper(trace(), 9)) {
+    if (auto t = Zel::TraceHelper(*tw->trace_, 9)) {
       t << "Removing: " << id(n) << " is not the head. prev " << id(n->prev_) << " next "
         << id(n->next_);
     }
@@ -404,14 +395,14 @@ U32 forwardTicks(TimerWheel const* tw, Notifiee const* n) { return ticksUntil(tw
     n->prev_->next_ = n->next_;
   }
   if (!n->next_) {
-    if (auto t = Zel::TraceHelper(trace(), 9)) {
+    if (auto t = Zel::TraceHelper(*tw->trace_, 9)) {
       t << "Removing: " << id(n) << " is the tail. prev " << id(n->prev_) << " next "
         << id(n->next_);
     }
     ZEL_ASSERT(hnt->t == n);
     hnt->t = n->prev_;
   } else {
-    if (auto t = Zel::TraceHelper(trace(), 9)) {
+    if (auto t = Zel::TraceHelper(*tw->trace_, 9)) {
       t << "Removing: " << id(n) << " is not the tail. prev " << id(n->prev_) << " next "
         << id(n->next_);
     }
@@ -427,7 +418,7 @@ U32 forwardTicks(TimerWheel const* tw, Notifiee const* n) { return ticksUntil(tw
   logEntry(tw, n, opUnfiled);
 }
 
-[[gnu::visibility("hidden")]] void deleteTimer(TimerWheel* tw, Notifiee* n) {
+[[gnu::always_inline]] inline void deleteTimer(TimerWheel* tw, Notifiee* n) {
   ZEL_ASSERT(tw->timers());
   U32 const level = n->bucketIndex();
   U32 const index = n->wheelIndex();
@@ -435,7 +426,7 @@ U32 forwardTicks(TimerWheel const* tw, Notifiee const* n) { return ticksUntil(tw
   maybeUpdateSystemClock(tw, level, index, false);
 }
 
-[[gnu::visibility("hidden")]] void newTimer(TimerWheel* tw, Notifiee* n) {
+[[gnu::always_inline]] inline void newTimer(TimerWheel* tw, Notifiee* n) {
   if (tw->scheduledWheelIndex() != InvalidWheelIndex) maybePullUpWheelTime(tw);
   ZEL_ASSERT(!tw->systemClockHandlerActive());
   if (tw->currentWheelIndexTime() == Zel::endOfTime) {
@@ -447,7 +438,7 @@ U32 forwardTicks(TimerWheel const* tw, Notifiee const* n) { return ticksUntil(tw
   maybeUpdateSystemClock(tw, n->bucketIndex(), n->wheelIndex(), true);
 }
 
-[[gnu::visibility("hidden")]] void maybePullUpWheelTime(TimerWheel* tw) {
+[[gnu::always_inline]] inline void maybePullUpWheelTime(TimerWheel* tw) {
   ZEL_ASSERT(tw->currentWheelIndexTime() != Zel::endOfTime);
   Seconds const dist = tw->time() - tw->currentWheelIndexTime();
   if (dist <= 0) return;
@@ -458,14 +449,14 @@ U32 forwardTicks(TimerWheel const* tw, Notifiee const* n) { return ticksUntil(tw
   U32 const scheduled = tw->scheduledWheelIndex();
   // The slots before the scheduled one are empty; the scheduled one has not been expired yet.
   U32 const schedDistTicks = scheduled > current ? scheduled - current : 0;
-  if (auto t = Zel::TraceHelper(trace(), 9)) {
+  if (auto t = Zel::TraceHelper(*tw->trace_, 9)) {
     t << "PullingUp current index " << current << " sched index " << scheduled << " now dist "
       << dist << " schedDistTicks " << schedDistTicks;
   }
   U32 const index = current + static_cast<U32>(std::min<U64>(elapsed, schedDistTicks));
   if (index == current) return;
   tw->currentWheelIndexIs(0, index);
-  if (auto t = Zel::TraceHelper(trace(), 9)) {
+  if (auto t = Zel::TraceHelper(*tw->trace_, 9)) {
     t << "Pulling current up to index " << index << " time " << tw->currentWheelIndexTime();
   }
 }
@@ -498,9 +489,9 @@ U32 forwardTicks(TimerWheel const* tw, Notifiee const* n) { return ticksUntil(tw
   }
 }
 
-[[gnu::visibility("hidden")]] void maybeUpdateSystemClock(TimerWheel* tw, U32 level, U32 index,
+[[gnu::always_inline]] inline void maybeUpdateSystemClock(TimerWheel* tw, U32 level, U32 index,
                                                           bool added) {
-  if (auto t = Zel::TraceHelper(trace(), 9)) {
+  if (auto t = Zel::TraceHelper(*tw->trace_, 9)) {
     t << "maybeUpdateSystemClock" << " event in bucketIndex " << level << " wheelIndex " << index
       << " after add/remove? " << added;
   }
@@ -535,7 +526,7 @@ U32 findNextUsedIndex(TimerWheel const* tw, U32 startIndex) {
 }
 
 [[gnu::visibility("hidden")]] void shutdownWheel(TimerWheel* tw) {
-  if (auto t = Zel::TraceHelper(trace(), 8)) t << "Wheel being shut down";
+  if (auto t = Zel::TraceHelper(*tw->trace_, 8)) t << "Wheel being shut down";
   ZEL_ASSERT(tw->timers() == 0);
   ZEL_ASSERT(!tw->systemClockHandlerActive());
   for (TimerWheel::Level& level : tw->levels_) level.current = InvalidWheelIndex;
@@ -550,7 +541,7 @@ HeadNTail const* wheelAt(TimerWheel const* tw, U32 level, U32 index) {
   return usedSlot(tw, level, index);
 }
 
-[[gnu::visibility("hidden")]] void logEntry(TimerWheel* tw, Notifiee const* n, U8 op) {
+[[gnu::always_inline]] inline void logEntry(TimerWheel* tw, Notifiee const* n, U8 op) {
   tw->log_[tw->logged_ % TimerWheel::logCapacity] = TimerWheel::LogEntry{n, op};
   ++tw->logged_;
 }
