@@ -2,7 +2,9 @@
 // uniform in 10 ms .. 1 h), beside two baselines measured in the same run:
 //   heap   a binary-heap timer queue: an indexed min-heap of timer pointers, the usual design;
 //   clock  the activity clock's own notifiee queue (Zel::Clock, an indexed heap of slots).
-// Operations: arm+disarm (disarm a random live timer and arm it again), move (give a random live
+// Operations: armDisarm (disarm a random live timer and arm it again: the timer and its
+// neighbours are cold), timeout (arm a timer and disarm it before it fires, as a request's
+// timeout is, with 1024 requests in flight among the n live timers), move (give a random live
 // timer a new deadline), postpone (give a random live timer the latest deadline yet, as activity
 // pushes back an idle timer) and expire (run virtual time through the hour until every timer
 // fired; wheel and clock pay the event loop, the heap only pops). Every queue's timer fills one
@@ -37,6 +39,8 @@ using Zel::U64;
 constexpr Seconds start = 1000.0;
 constexpr Seconds horizon = 3600.0;
 constexpr U32 sizes[] = {10000, 100000, 1000000};
+// Requests in flight in the timeout benchmark: timers n .. n + inFlight - 1 of every queue.
+constexpr U32 inFlight = 1024;
 
 // Random draws, made once so that every queue sees the same sequence and no generator runs
 // inside the timed loops.
@@ -69,8 +73,9 @@ Zel::Ptr<Zel::Clock> const& loopClock() { return Zel::activityManager()->clock()
 class WheelQueue {
 public:
   explicit WheelQueue(U32 n)
-      : wheel_(Kiv::timerWheelFactory(loopClock(), 10, 360000, true, 256)), timers_(new Timer[n]) {
-    for (U32 i = 0; i < n; ++i) {
+      : wheel_(Kiv::timerWheelFactory(loopClock(), 10, 360000, true, 256)),
+        timers_(new Timer[n + inFlight]) {
+    for (U32 i = 0; i < n + inFlight; ++i) {
       timers_[i].expired = &expired_;
       timers_[i].notifierIs(wheel_);
     }
@@ -95,8 +100,8 @@ private:
 
 class ClockQueue {
 public:
-  explicit ClockQueue(U32 n) : timers_(new Timer[n]) {
-    for (U32 i = 0; i < n; ++i) {
+  explicit ClockQueue(U32 n) : timers_(new Timer[n + inFlight]) {
+    for (U32 i = 0; i < n + inFlight; ++i) {
       timers_[i].expired = &expired_;
       timers_[i].notifierIs(loopClock());
     }
@@ -120,7 +125,7 @@ private:
 
 class HeapQueue {
 public:
-  explicit HeapQueue(U32 n) : timers_(n) { heap_.reserve(n); }
+  explicit HeapQueue(U32 n) : timers_(n + inFlight) { heap_.reserve(n + inFlight); }
   void arm(U32 i, Seconds t) {
     timers_[i].deadline = t;
     timers_[i].index = heap_.size();
@@ -229,6 +234,21 @@ void armDisarm(benchmark::State& state, char const* name, U32 n) {
 }
 
 template <class Queue>
+void timeout(benchmark::State& state, char const* name, U32 n) {
+  Queue& queue = liveQueue<Queue>(name, n);
+  for (U32 r = 0; r < inFlight; ++r) queue.arm(n + r, draws().deadline(r));
+  std::size_t k = inFlight;
+  for (auto _ : state) {
+    U32 const i = n + static_cast<U32>(k % inFlight);
+    queue.disarm(i);  // the reply to the request armed inFlight operations ago
+    queue.arm(i, draws().deadline(k));
+    ++k;
+  }
+  for (U32 r = 0; r < inFlight; ++r) queue.disarm(n + r);
+  perOperation(state, 1);
+}
+
+template <class Queue>
 void move(benchmark::State& state, char const* name, U32 n) {
   Queue& queue = liveQueue<Queue>(name, n);
   std::size_t k = n;
@@ -274,6 +294,8 @@ void registerQueue(char const* name) {
     // Fixed iteration counts keep the whole run near half a minute.
     benchmark::RegisterBenchmark(("armDisarm" + suffix).c_str(), armDisarm<Queue>, name, n)
         ->Iterations(1000000);
+    benchmark::RegisterBenchmark(("timeout" + suffix).c_str(), timeout<Queue>, name, n)
+        ->Iterations(1000000);
     benchmark::RegisterBenchmark(("move" + suffix).c_str(), move<Queue>, name, n)
         ->Iterations(1000000);
     benchmark::RegisterBenchmark(("postpone" + suffix).c_str(), postpone<Queue>, name, n)
@@ -310,7 +332,7 @@ public:
   void printTable() const {
     std::printf("\n%-10s %8s %10s %10s %10s %11s %11s\n", "operation", "timers", "wheel ns",
                 "heap ns", "clock ns", "heap/wheel", "clock/wheel");
-    for (char const* op : {"armDisarm", "move", "postpone", "expire"}) {
+    for (char const* op : {"armDisarm", "timeout", "move", "postpone", "expire"}) {
       for (U32 n : sizes) {
         double const w = at(op, n, "wheel"), h = at(op, n, "heap"), c = at(op, n, "clock");
         std::printf("%-10s %8u %10.1f %10.1f %10.1f %10.2fx %10.2fx\n", op, n, w, h, c, h / w,
@@ -318,7 +340,7 @@ public:
       }
     }
     std::printf("\nCost at 1M timers as a multiple of the cost at 10K:\n");
-    for (char const* op : {"armDisarm", "move", "postpone", "expire"}) {
+    for (char const* op : {"armDisarm", "timeout", "move", "postpone", "expire"}) {
       std::printf("%-10s", op);
       for (char const* queue : {"wheel", "heap", "clock"}) {
         std::printf("   %s %5.2fx", queue, at(op, sizes[2], queue) / at(op, sizes[0], queue));
