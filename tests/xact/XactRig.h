@@ -6,27 +6,19 @@
 #include <Zel/Activity.h>
 #include <Zel/System.h>
 
-#include <gtest/gtest.h>
+#include <gmock/gmock.h>
 
 #include <deque>
 #include <functional>
 #include <map>
-#include <memory>
 #include <string>
-#include <utility>
 #include <vector>
 
 namespace XactTest {
 
-using Kiv::ExecResult;
-using Kiv::Xact;
-using Kiv::XactConfig;
-using Kiv::XactResult;
-using Kiv::XactStatus;
-using Zel::Ptr;
-using Zel::Seconds;
-using Zel::U32;
-using Zel::U64;
+using Kiv::ExecResult, Kiv::Xact, Kiv::XactConfig, Kiv::XactResult, Kiv::XactStatus;
+using Zel::Ptr, Zel::Seconds, Zel::U32, Zel::U64;
+using Comments = std::map<std::string, std::string>;
 
 constexpr XactResult inProgress = XactResult::xactInProgress;
 constexpr XactResult success = XactResult::xactSuccess;
@@ -36,11 +28,10 @@ constexpr Seconds start = 1000.0;
 inline Ptr<Zel::Clock> const& loopClock() { return Zel::activityManager()->clock(); }
 inline void runUntil(Seconds t) { Zel::activityManager()->runUntil(t); }
 inline Seconds now() { return Zel::System::currentTime(); }
-
 inline bool finished(Xact const& x) { return x.statusVersion() == x.configVersion(); }
 
-inline std::map<std::string, std::string> comments(Xact const& x) {
-  std::map<std::string, std::string> all;
+inline Comments comments(Xact const& x) {
+  Comments all;
   for (auto const& [source, text] : x.commentIteratorConst()) all[source.str()] = text.str();
   return all;
 }
@@ -55,7 +46,6 @@ public:
 
 protected:
   using XactExecutorSm::XactExecutorSm;
-
   ExecResult doExecute(XactConfig const& config) override {
     executed.push_back(config);
     if (executionTime > 0) Zel::System::sleep(executionTime);
@@ -68,20 +58,21 @@ struct WorkerSide {
   Ptr<Kiv::XactConfigDir> configDir;
   Ptr<Kiv::XactStatusDir> statusDir;
   Ptr<Worker> worker;
-
-  // Answers by hand, as a silent worker's test script does.
-  void answerIs(U32 id, XactResult result, U32 version, char const* comment = "") const {
-    statusDir->xactStatusIs(XactStatus(id, result, comment, version));
-  }
 };
 
-class Rig {
-public:
+// A rig runs in virtual time from `start`, and finds no clock notifiee left armed by another.
+struct Rig {
+  enum class Kind { silent, synchronous, timeSliced };
+
+  Rig() {
+    Zel::System::virtualTimeIs(XactTest::start);
+    EXPECT_EQ(loopClock()->armedCount(), 0u) << "an earlier rig left notifiees armed";
+  }
+  ~Rig() { Zel::System::virtualTimeDel(); }
+
   Ptr<Kiv::XactAggregatorSm> aggregator = Kiv::xactAggregatorSmFactory("coordinator", loopClock());
   Ptr<Kiv::XactDir> xacts = Kiv::xactDirFactory("xacts");
   std::deque<WorkerSide> workers;  // references stay valid as workers join
-
-  enum class Kind { silent, synchronous, timeSliced };
 
   WorkerSide& workerIs(std::string const& name, Kind kind) {
     WorkerSide side{Kiv::xactConfigDirFactory(name), Kiv::xactStatusDirFactory(name), nullptr};
@@ -92,8 +83,7 @@ public:
     }
     aggregator->xactConfigDirIs(side.configDir);
     aggregator->xactStatusDirIs(side.statusDir);
-    workers.push_back(side);
-    return workers.back();
+    return workers.emplace_back(side);
   }
 
   Ptr<Xact> start(U32 id) {
@@ -101,17 +91,6 @@ public:
     aggregator->doStartXact(x);
     return x;
   }
-};
-
-// Every test runs in virtual time from `start` on the thread's activity, and leaves no clock
-// notifiee armed.
-class XactFixture : public testing::Test {
-protected:
-  void SetUp() override {
-    Zel::System::virtualTimeIs(start);
-    ASSERT_EQ(loopClock()->armedCount(), 0u) << "an earlier test left notifiees armed";
-  }
-  void TearDown() override { Zel::System::virtualTimeDel(); }
 };
 
 }  // namespace XactTest
