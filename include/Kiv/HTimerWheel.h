@@ -14,8 +14,10 @@
 // nearest millisecond (a remainder of exactly one half is dropped) and then up to whole ticks.
 // So a timer fires at the first tick boundary at or after its rounded deadline: at most one tick
 // late while the event loop keeps up, and never earlier than half a millisecond before its
-// deadline. A deadline already past (or a timeMin of 0 set on an attached timer) lands in the
-// current slot and fires on the next clock event. A deadline beyond maxTicks is filed in the
+// deadline. A deadline at or before the current slot's time (or a timeMin of 0 set on an
+// attached timer) lands in the current slot and fires on the next clock event; the current slot
+// may trail the present by up to a tick, so a deadline just past fires at the next tick
+// boundary instead, which is still not early. A deadline beyond maxTicks is filed in the
 // farthest slot of the last level (trace "Reducing timeout to fit the maximum timer capacity")
 // and filed again each time that slot comes down, so it still fires on time; among equal
 // deadlines it may then fire after timers armed later.
