@@ -53,10 +53,11 @@ private:
   void descriptorDel(U64 registration, int descriptor) noexcept;
 
   std::size_t dispatchDescriptors(Seconds maxWaitSeconds);
-  // Under virtual time: turns at the current instant until nothing more is due there, looking at
-  // the descriptors again after notifiees fired, so that what a handler starts (a write to a
-  // watched socket, a notifiee armed for now) is handled before time moves on. False when
-  // stop() was called.
+  // Under virtual time: turns at the current instant until nothing more is due there and no
+  // descriptor is readable, so that what a handler starts (a write to a watched socket, a
+  // notifiee armed for now) and data a handler left unread are handled before time moves on; a
+  // handler that never drains its descriptor holds virtual time still. False when stop() was
+  // called.
   bool settleInstant();
   Seconds waitFor(Seconds maxWaitSeconds) const noexcept;
 

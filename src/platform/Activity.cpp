@@ -82,11 +82,11 @@ std::size_t ActivityManager::runOnce(Seconds maxWaitSeconds) {
 
 bool ActivityManager::settleInstant() {
   for (;;) {
-    dispatchDescriptors(0);
+    std::size_t const handled = dispatchDescriptors(0);
     std::size_t const fired = clock_->doFireDue(System::currentTime());
     if (stopping_) return false;
     bool const moreDue = clock_->nextTime() <= System::currentTime();
-    if (!moreDue && (fired == 0 || descriptors_.empty())) return true;
+    if (!moreDue && handled == 0 && (fired == 0 || descriptors_.empty())) return true;
   }
 }
 

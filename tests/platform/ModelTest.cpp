@@ -3,140 +3,70 @@
 // notifier while it is notifying.
 #include "Model.h"
 
-#include <gtest/gtest.h>
-
-#include <algorithm>
-#include <functional>
-#include <limits>
-#include <map>
-#include <memory>
-#include <random>
-#include <string>
-#include <utility>
-#include <vector>
-
 namespace Kiv::Test {
 namespace {
 
-using testing::StrictMock;
-
-// Records the value each handler reads, which must already be the new one.
-class LeafRecorder : public Leaf::NotifieeConst {
-public:
-  std::vector<U32> counts;
-  std::vector<U8> levels;
-  void onCount() override { counts.push_back(notifier()->count()); }
-  void onLevel() override { levels.push_back(notifier()->level()); }
-};
-
-TEST(MutatorContract, RandomMutationsNotifyExactlyOnChangeAfterTheStore) {
+// Scalar sets and wrapping increments, collection edits, and notification switched off at
+// times: a handler runs once per changed value or key, and only while notification is active.
+TEST(MutatorContract, RandomMutationsNotifyExactlyOncePerChangeAfterTheStore) {
   std::mt19937 rng(11);
   auto leaf = leafFactory(1, 1, "plain");
-  LeafRecorder recorder;
-  recorder.notifierIs(leaf);
+  auto tree = treeFactory();
+  Events events;
+  LeafLog leafLog(events, leaf);
+  TreeLog treeLog(events, tree);
   // Few distinct values, so equal writes are common; the extremes make the increments wrap.
   U32 const counts[] = {0, 1, 2, std::numeric_limits<U32>::max()};
-  U8 const levels[] = {0, 1, 254, 255};
   U32 count = 0;
-  U8 level = 0;
-  std::vector<U32> expectedCounts;
-  std::vector<U8> expectedLevels;
-  for (int step = 0; step < 4000; ++step) {
+  std::array<std::string, 6> comments;  // of keys "a" to "f"; empty when absent
+  bool active = true;
+  for (int step = 0; step < 8000; ++step) {
     U32 const c = counts[rng() % 4];
-    U8 const l = levels[rng() % 4];
-    U32 const before = count;
-    U8 const levelBefore = level;
-    switch (rng() % 4) {
+    int const k = rng() % 6;
+    std::string const key(1, char('a' + k)), value(1, char('0' + rng() % 3));
+    auto const was = std::pair(count, comments);
+    events.clear();
+    switch (rng() % 6) {
       case 0: leaf->countIs(c); count = c; break;
       case 1: leaf->countInc(c); count = U32(count + c); break;
-      case 2: leaf->levelIs(l); level = l; break;
-      case 3: leaf->levelInc(l); level = U8(level + l); break;
+      case 2: tree->commentIs(key, value); comments[k] = value; break;
+      case 3: tree->commentDel(key); comments[k] = ""; break;
+      case 4:
+        if (rng() % 10 != 0) break;
+        tree->commentDelAll();
+        comments.fill("");
+        break;
+      case 5:
+        active = rng() % 3 != 0;
+        leaf->hasNotificationActiveIs(active);
+        tree->hasNotificationActiveIs(active);
+        break;
     }
-    if (count != before) expectedCounts.push_back(count);
-    if (level != levelBefore) expectedLevels.push_back(level);
-    ASSERT_EQ(leaf->count(), count);
-    ASSERT_EQ(leaf->level(), level);
-  }
-  EXPECT_EQ(recorder.counts, expectedCounts);
-  EXPECT_EQ(recorder.levels, expectedLevels);
-}
-
-TEST(MutatorContract, SilentWhileNotificationIsInactive) {
-  auto leaf = leafFactory(1, 1, "plain");
-  EXPECT_TRUE(leaf->hasNotificationActive());
-  StrictMock<LeafWatch> watch;
-  watch.notifierIs(leaf);
-  leaf->hasNotificationActiveIs(false);
-  leaf->countIs(7);
-  EXPECT_EQ(leaf->count(), 7u);
-  EXPECT_EQ(leaf->references(), 2u);  // the flag shares the word with the count
-  leaf->hasNotificationActiveIs(true);
-  EXPECT_CALL(watch, onCount());
-  leaf->countInc(1);
-}
-
-// Records (key, value the handler sees) for each comment notification.
-class CommentRecorder : public Tree::NotifieeConst {
-public:
-  std::vector<std::pair<std::string, std::string>> events;
-  void onComment(Zel::String const& key) override {
-    events.emplace_back(key.str(), notifier()->comment(key).str());
-  }
-};
-
-TEST(CollectionNotifications, RandomEditsNotifyOncePerChangedKey) {
-  std::mt19937 rng(5);
-  auto tree = treeFactory("random");
-  CommentRecorder recorder;
-  recorder.notifierIs(tree);
-  std::map<std::string, std::string> model;
-  for (int step = 0; step < 4000; ++step) {
-    std::string const key(1, char('a' + rng() % 6));
-    std::string const value(1, char('0' + rng() % 3));
-    std::vector<std::pair<std::string, std::string>> expected;
-    recorder.events.clear();
-    U32 const op = rng() % 20;
-    if (op < 11) {
-      tree->commentIs(key, value);
-      auto [it, inserted] = model.try_emplace(key, value);
-      if (inserted || it->second != value) expected.emplace_back(key, value);
-      it->second = value;
-    } else if (op < 19) {
-      tree->commentDel(key);
-      if (model.erase(key) != 0) expected.emplace_back(key, "");
-    } else {
-      tree->commentDelAll();
-      for (auto const& entry : model) expected.emplace_back(entry.first, "");
-      model.clear();
-      // A hashed collection deletes in its own order; each key must come exactly once.
-      std::sort(recorder.events.begin(), recorder.events.end());
+    Events expected;
+    if (active && count != was.first) expected.push_back("count " + std::to_string(count));
+    for (int i = 0; active && i < 6; ++i) {
+      if (comments[i] != was.second[i]) {
+        expected.push_back("comment " + std::string(1, char('a' + i)) + "=" + comments[i]);
+      }
     }
-    ASSERT_EQ(recorder.events, expected) << "step " << step;
-    ASSERT_EQ(tree->comments(), model.size());
+    // A hashed collection deletes in its own order; each key must come exactly once.
+    std::ranges::sort(events);
+    ASSERT_EQ(events, expected) << "step " << step;
+    // The notification flag shares the word with the reference count.
+    ASSERT_EQ(std::tuple(leaf->count(), tree->comments(), leaf->hasNotificationActive(),
+                         leaf->references()),
+              std::tuple(count, 6 - std::size_t(std::ranges::count(comments, "")), active, 2u));
   }
 }
 
-// Runs a one-shot action from inside its handler and logs every call.
-class Actor : public Leaf::NotifieeConst {
-public:
-  Actor(std::string name, std::vector<std::string>* log) : name_(std::move(name)), log_(log) {}
-  std::function<void()> action;
-  void onCount() override {
-    log_->push_back(name_);
-    if (auto act = std::exchange(action, nullptr)) act();
-  }
-
-private:
-  std::string name_;
-  std::vector<std::string>* log_;
-};
-
-TEST(Notification, HandlersMayChangeTheNotifieeListDuringAVisit) {
+// Notifiees that join during a visit wait for the next one; those that leave or are destroyed
+// are skipped; a nested visit of the same list sees the newest value, and so does the outer one.
+TEST(Notification, HandlersMayChangeTheNotifieeListOrDropTheNotifierDuringAVisit) {
   auto leaf = leafFactory(1, 1, "plain");
-  std::vector<std::string> log;
-  Actor a("a", &log), b("b", &log), c("c", &log), d("d", &log);
-  auto e = std::make_unique<Actor>("e", &log);
-  for (Actor* n : {&a, &b, &c, e.get()}) n->notifierIs(leaf);
+  Events events;
+  LeafLog a(events, leaf, "a:"), b(events, leaf, "b:"), c(events, leaf, "c:");
+  LeafLog d(events, nullptr, "d:");
+  auto e = std::make_unique<LeafLog>(events, leaf, "e:");
   a.action = [&] {
     a.notifierIs(nullptr);
     c.notifierIs(nullptr);
@@ -144,108 +74,71 @@ TEST(Notification, HandlersMayChangeTheNotifieeListDuringAVisit) {
     e.reset();
   };
   leaf->countIs(1);
-  EXPECT_EQ(log, (std::vector<std::string>{"a", "b"}));  // d joined too late for this visit
-  EXPECT_FALSE(a.isRegisteredNotifiee());
-  EXPECT_TRUE(d.isRegisteredNotifiee());
-
-  log.clear();
-  b.action = [&] { leaf->countInc(1); };  // a nested visit of the same list
+  EXPECT_EQ(events, (Events{"a:count 1", "b:count 1"}));
+  events.clear();
+  b.action = [&] { leaf->countInc(1); };
   leaf->countInc(1);
-  EXPECT_EQ(log, (std::vector<std::string>{"b", "b", "d", "d"}));
-  EXPECT_EQ(leaf->count(), 3u);
+  EXPECT_EQ(events, (Events{"b:count 2", "b:count 3", "d:count 3", "d:count 3"}));
   EXPECT_EQ(leaf->zelNotifiees().size(), 2u);
-}
 
-// Unregisters and drops the test's handle from inside the handler: the notifier's only
-// reference left is the one it holds on itself for the visit.
-class Dropper : public Tree::NotifieeConst {
-public:
-  explicit Dropper(Zel::Ptr<Tree>* outside) : outside_(outside) {}
-  int calls = 0;
-  U64 liveAfterDrop = 0;
-  void onComment(Zel::String const&) override { drop(); }
-  void onLeaf(U32) override { drop(); }
-
-private:
-  void drop() {
-    ++calls;
-    notifierIs(nullptr);
-    *outside_ = nullptr;
-    liveAfterDrop = Zel::AllocTrackTypeInfo::of<Tree>().live();
-  }
-  Zel::Ptr<Tree>* outside_;
-};
-
-TEST(Notification, HandlerMayDropTheLastReferenceToItsNotifier) {
+  // A handler may also drop the last outside reference to its notifier, which lives on to the
+  // end of the visit: for an entry, a child, and the emptying of a collection.
   auto& trees = Zel::AllocTrackTypeInfo::of<Tree>();
   U64 const live = trees.live();
-
-  auto tree = treeFactory("dropped");
-  Dropper byEntry(&tree);
-  byEntry.notifierIs(tree);
-  tree->commentIs("k", "v");
-  EXPECT_EQ(byEntry.calls, 1);
-  EXPECT_EQ(byEntry.liveAfterDrop, live + 1);  // still there for the rest of the visit
-  EXPECT_EQ(trees.live(), live);
-
-  tree = treeFactory("dropped");
-  Dropper byChild(&tree);
-  byChild.notifierIs(tree);
-  Zel::Ptr<Leaf> const leaf = tree->leafIs(4, 1, "plain");
-  EXPECT_EQ(byChild.calls, 1);
-  EXPECT_EQ(byChild.liveAfterDrop, live + 1);
-  EXPECT_EQ(trees.live(), live);
-  EXPECT_EQ(leaf->references(), 1u);  // the parent and its collection are gone
-
-  // Emptying a collection reports every key, even after the first report dropped the notifier.
-  tree = treeFactory("dropped");
-  tree->commentIs("a", "1");
-  tree->commentIs("b", "2");
-  Dropper byDelAll(&tree);
-  byDelAll.notifierIs(tree);
-  Tree* const raw = tree.ptr();
-  raw->commentDelAll();
-  EXPECT_EQ(byDelAll.calls, 1);
-  EXPECT_EQ(trees.live(), live);
+  Zel::Ptr<Leaf> child;
+  std::function<void(Tree&)> const edits[] = {[](Tree& t) { t.commentIs("k", "v"); },
+                                              [&](Tree& t) { child = t.leafIs(4, 1, "plain"); },
+                                              [](Tree& t) { t.commentDelAll(); }};
+  for (auto const& edit : edits) {
+    auto tree = treeFactory();
+    tree->commentIs("a", "1");
+    tree->commentIs("b", "2");
+    events.clear();
+    TreeLog log(events, tree);
+    U64 liveAfterDrop = 0;
+    log.action = [&] {
+      log.notifierIs(nullptr);
+      tree = nullptr;
+      liveAfterDrop = trees.live();
+    };
+    edit(*tree);
+    EXPECT_EQ(std::tuple(events.size(), liveAfterDrop, trees.live()),
+              std::tuple(1u, live + 1, live));
+  }
+  EXPECT_EQ(child->references(), 1u);  // the parent and its collection are gone
 }
 
-TEST(ChildInstantiation, IdempotentWhenEqualRefusedWhenDifferent) {
+// Instantiating a child again with equal parameters returns it; different ones are refused
+// naming the first difference, as is a null pointer, before anything is stored or notified.
+TEST(ChildInstantiation, IdempotentWhenEqualRefusedWhenDifferentOrNull) {
   auto& leaves = Zel::AllocTrackTypeInfo::of<Leaf>();
-  auto tree = treeFactory("parent");
-  StrictMock<TreeWatch> watch;
-  watch.notifierIs(tree);
-  EXPECT_CALL(watch, onLeaf(3u));
+  auto tree = treeFactory();
+  Events events;
+  TreeLog log(events, tree);
   auto const leaf = tree->leafIs(3, 10, "blue");
+  tree->childIs(leaf);
   U64 const live = leaves.live();
   EXPECT_EQ(tree->leafIs(3, 10, "blue"), leaf);
-
-  EXPECT_EQ(thrownMessage<Zel::NameInUseException>([&] { tree->leafIs(3, 11, "red"); }),
-            "Reinstantiating the pointer interface where constructor parameter attribute _size "
-            "has a different value of 11 than the current value of 10 not allowed");
-  EXPECT_EQ(thrownMessage<Zel::NameInUseException>([&] { tree->leafIs(3, 10, "red"); }),
-            "Reinstantiating the pointer interface where constructor parameter attribute _shade "
-            "has a different value of 'red' than the current value of 'blue' not allowed");
-  EXPECT_EQ(tree->leaf(3), leaf);
-  EXPECT_EQ(leaf->size(), 10u);
-  EXPECT_EQ(leaves.live(), live);
-
-  EXPECT_CALL(watch, onLeaf(3u));
+  std::string const reinstantiating =
+      "Reinstantiating the pointer interface where constructor parameter attribute ";
+  EXPECT_THAT([&] { tree->leafIs(3, 11, "red"); },
+              ThrowsMessage<Zel::NameInUseException>(
+                  reinstantiating + "_size has a different value of 11 than the current value of "
+                                    "10 not allowed"));
+  EXPECT_THAT([&] { tree->leafIs(3, 10, "red"); },
+              ThrowsMessage<Zel::NameInUseException>(
+                  reinstantiating + "_shade has a different value of 'red' than the current "
+                                    "value of 'blue' not allowed"));
+  EXPECT_THAT([&] { tree->childIs(nullptr); },
+              ThrowsMessage<Zel::RangeException>(
+                  "null _child parameter to mutator for Kiv::Test::Tree::child not allowed\""));
+  EXPECT_EQ(std::tuple(tree->leaf(3), tree->child(), leaf->size(), leaves.live()),
+            std::tuple(leaf, leaf, 10u, live));
   tree->leafDel(3);
   tree->leafDel(3);
-  EXPECT_EQ(tree->leaf(3), nullptr);
-  EXPECT_EQ(leaf->references(), 1u);
-}
-
-TEST(NullRefusal, ThrowsBeforeAnythingIsStored) {
-  auto tree = treeFactory("parent");
-  auto const leaf = leafFactory(1, 1, "plain");
-  StrictMock<TreeWatch> watch;
-  watch.notifierIs(tree);
-  EXPECT_CALL(watch, onChild());
-  tree->childIs(leaf);
-  EXPECT_EQ(thrownMessage<Zel::RangeException>([&] { tree->childIs(nullptr); }),
-            "null _child parameter to mutator for Kiv::Test::Tree::child not allowed\"");
-  EXPECT_EQ(tree->child(), leaf);
+  EXPECT_EQ(events, (Events{"leaf 3", "child", "leaf 3"}));
+  // Held by this test and the child attribute only.
+  EXPECT_EQ(std::pair(tree->leaf(3), leaf->references()), std::pair(Zel::Ptr<Leaf>(), 2u));
 }
 
 }  // namespace
