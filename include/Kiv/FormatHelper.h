@@ -11,7 +11,8 @@ namespace Kiv {
 // blank, the prefix and `unit`: 1234567 and "B" give "1.235 MB", 1000 and "s" give "1 ks".
 // A value outside [0, 1000 T) (negative, NaN, infinite or too large) is written unscaled with
 // the stream's current settings and no prefix: "-5 x". Scaling leaves the stream's precision at
-// 4. A null `unit` writes nothing and sets the stream's bad bit, as writing a null string would.
+// 4. A null `unit` writes the number and prefix without a unit and sets the stream's bad bit, as
+// writing a null string would.
 void formatValueSi(std::ostream& out, double value, char const* unit);
 
 // A time span as "[-]HH:MM:SS", or "[-]<days>d<HH>h" once it reaches a day, dropping minutes and
