@@ -58,12 +58,14 @@ public:
   // max - min + 1; a U64, since the range 0 .. 0xffffffff holds 2^32 numbers.
   constexpr U64 size() const noexcept { return U64{max_} - min_ + 1; }
 
-  // The string form and the attribute log write fields one at a time, so the table names
-  // unchecked setters; the parser and the log reader check the pair once both are read.
+  // The parser and the log reader set fields one at a time, so the table names unchecked setters
+  // and the pair is checked once both are read.
   static constexpr auto zelFields() {
     return Zel::valueFields("Kiv::Range", Zel::field("min", &Range::min, &Range::rawMinIs),
                             Zel::field("max", &Range::max, &Range::rawMaxIs));
   }
+  // Throws as the constructor does when min > max.
+  void zelValidate() const;
 
 private:
   constexpr void rawMinIs(U32 min) noexcept { min_ = min; }
@@ -72,12 +74,6 @@ private:
   U32 min_ = 0;
   U32 max_ = 0;
 };
-
-// Parses the keyed form and refuses min > max with Zel::RangeException "Range::min > Range::max
-// not allowed".
-char const* sequenceToValue(char const* begin, char const* end, Range* out);
-// Reads min and max and refuses min > max as the parser does; `range` is unchanged on failure.
-Zel::NboAttrLog::In& operator>>(Zel::NboAttrLog::In& in, Range& range);
 
 // A number with an instant. Ordered by timestamp, then number.
 class TimedU32 : public Zel::Value<TimedU32> {

@@ -19,6 +19,11 @@
 // attribute-log reader and writer, and the reflection record. Fields are written through their
 // mutators, so a parsed or logged value passes the same range checks as a set one.
 //
+// Fields that constrain one another (min <= max) cannot be checked one at a time: such a type
+// lists setters that store without the cross check and declares a public
+// `void zelValidate() const` that throws when the fields disagree. The parser and the log reader
+// call it once every field is read, and leave their target unchanged when it throws.
+//
 // String form: a type whose only field is named "value" prints as that field alone; any other
 // prints as Value('<type>', ** {'<field>': <value>, ...}) with each field in its own form.
 #pragma once
@@ -158,6 +163,12 @@ void printStrep(std::string& out, T const& value) {
 template <class V>
 concept Parsable = requires(V* v, char const* p) { sequenceToValue(p, p, v); };
 
+// Runs T's cross-field check, if it declares one.
+template <ValueType T>
+void validate(T const& value) {
+  if constexpr (requires { value.zelValidate(); }) value.zelValidate();
+}
+
 template <ValueType T>
 constexpr bool fieldsParsable() {
   return []<std::size_t... I>(std::index_sequence<I...>) {
@@ -199,6 +210,7 @@ char const* sequenceToValue(char const* begin, char const* end, T* out) {
     reader.expect("}");
     reader.expect(")");
   }
+  validate(value);
   *out = std::move(value);
   return reader.position();
 }
@@ -222,6 +234,7 @@ In& operator>>(In& in, T& value) {
     in >> fieldValue;
     std::invoke(f.set, read, std::move(fieldValue));
   });
+  validate(read);
   value = std::move(read);
   return in;
 }

@@ -26,9 +26,7 @@ constexpr U32 maxNumber = std::numeric_limits<U32>::max();
 
 // ---- Range ------------------------------------------------------------------------------------
 
-Range::Range(U32 min, U32 max) : min_(min), max_(max) {
-  if (min > max) invertedRange();
-}
+Range::Range(U32 min, U32 max) : min_(min), max_(max) { zelValidate(); }
 
 void Range::minIs(U32 min) {
   if (min > max_) invertedRange();
@@ -40,18 +38,8 @@ void Range::maxIs(U32 max) {
   max_ = max;
 }
 
-char const* sequenceToValue(char const* begin, char const* end, Range* out) {
-  Range parsed;
-  char const* const after = Zel::sequenceToValue<Range>(begin, end, &parsed);
-  *out = Range(parsed.min(), parsed.max());
-  return after;
-}
-
-Zel::NboAttrLog::In& operator>>(Zel::NboAttrLog::In& in, Range& range) {
-  Range read;
-  Zel::NboAttrLog::operator>> <Range>(in, read);
-  range = Range(read.min(), read.max());
-  return in;
+void Range::zelValidate() const {
+  if (min_ > max_) invertedRange();
 }
 
 // ---- NumberPool -------------------------------------------------------------------------------

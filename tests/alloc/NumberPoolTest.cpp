@@ -160,6 +160,10 @@ TEST(NumberPool, ValueTypesBoundsAndReflection) {
   EXPECT_EQ(Zel::strepToValue<TimedRange>(Zel::valueToStrep(tr).view()), tr);
   EXPECT_THROW(Zel::strepToValue<Range>("Value('Kiv::Range', ** {'min': 5, 'max': 4})"),
                Zel::RangeException);
+  EXPECT_THROW(Zel::strepToValue<TimedRange>(
+                   "Value('Kiv::TimedRange', ** {'timestamp': 1.0, 'range': Value('Kiv::Range', "
+                   "** {'min': 5, 'max': 4})})"),
+               Zel::RangeException);
   Zel::NboAttrLog::Out inverted;
   inverted << U32{5} << U32{4};
   Zel::NboAttrLog::In invertedIn(inverted.bytes());
