@@ -28,6 +28,7 @@
 #include <random>
 #include <string>
 #include <tuple>
+#include <utility>
 #include <vector>
 
 namespace {
@@ -70,14 +71,25 @@ Zel::Ptr<Zel::Clock> const& loopClock() { return Zel::activityManager()->clock()
 
 // ---- The three queues, each holding n timers -------------------------------------------------
 
-class WheelQueue {
+// A timer fills one line, as a timer embedded in its owner would, and counts its expiry.
+struct alignas(64) WheelTimer : Kiv::TimerWheel::NotifieeConst {
+  void onTimeMin() override { ++*expired; }
+  U64* expired = nullptr;
+};
+struct alignas(64) ClockTimer : Zel::Clock::NotifieeConst {
+  void onTime() override { ++*expired; }
+  U64* expired = nullptr;
+};
+
+// The wheel's and the clock's queues differ only in what their timers attach to.
+template <class Timer, class Notifier>
+class NotifieeQueue {
 public:
-  explicit WheelQueue(U32 n)
-      : wheel_(Kiv::timerWheelFactory(loopClock(), 10, 360000, true, 256)),
-        timers_(new Timer[n + inFlight]) {
+  NotifieeQueue(U32 n, Zel::Ptr<Notifier> notifier)
+      : notifier_(std::move(notifier)), timers_(new Timer[n + inFlight]) {
     for (U32 i = 0; i < n + inFlight; ++i) {
       timers_[i].expired = &expired_;
-      timers_[i].notifierIs(wheel_);
+      timers_[i].notifierIs(notifier_);
     }
   }
   void arm(U32 i, Seconds t) { timers_[i].timeMinIs(t); }
@@ -89,38 +101,18 @@ public:
   }
 
 private:
-  struct alignas(64) Timer : Kiv::TimerWheel::NotifieeConst {
-    void onTimeMin() override { ++*expired; }
-    U64* expired = nullptr;
-  };
-  Zel::Ptr<Kiv::TimerWheel> wheel_;
+  Zel::Ptr<Notifier> notifier_;
   std::unique_ptr<Timer[]> timers_;
   U64 expired_ = 0;
 };
 
-class ClockQueue {
-public:
-  explicit ClockQueue(U32 n) : timers_(new Timer[n + inFlight]) {
-    for (U32 i = 0; i < n + inFlight; ++i) {
-      timers_[i].expired = &expired_;
-      timers_[i].notifierIs(loopClock());
-    }
-  }
-  void arm(U32 i, Seconds t) { timers_[i].timeMinIs(t); }
-  void disarm(U32 i) { timers_[i].timeMinIs(Zel::endOfTime); }
-  void move(U32 i, Seconds t) { timers_[i].timeMinIs(t); }
-  U64 expireAll() {
-    Zel::activityManager()->runUntil(start + horizon + 1);
-    return expired_;
-  }
+struct WheelQueue : NotifieeQueue<WheelTimer, Kiv::TimerWheel> {
+  explicit WheelQueue(U32 n)
+      : NotifieeQueue(n, Kiv::timerWheelFactory(loopClock(), 10, 360000, true, 256)) {}
+};
 
-private:
-  struct alignas(64) Timer : Zel::Clock::NotifieeConst {
-    void onTime() override { ++*expired; }
-    U64* expired = nullptr;
-  };
-  std::unique_ptr<Timer[]> timers_;
-  U64 expired_ = 0;
+struct ClockQueue : NotifieeQueue<ClockTimer, Zel::Clock> {
+  explicit ClockQueue(U32 n) : NotifieeQueue(n, loopClock()) {}
 };
 
 class HeapQueue {
