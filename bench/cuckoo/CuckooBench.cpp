@@ -15,6 +15,8 @@
 //   slots per table, beside the same probe in a Zel::HashMap2018 keyed by CuckooLocation.
 //
 // The writer is played after every model call: it drains the queue and acknowledges it.
+#include "../ForwardingReporter.h"
+
 #include <Kiv/CuckooHashTable.h>
 
 #include <Zel/Collections.h>
@@ -436,8 +438,8 @@ void shadowProbe(benchmark::State& state, bool hashMap) {
 
 // ---- Report ---------------------------------------------------------------------------------
 
-// Forwards to the display reporter and keeps each benchmark's CPU time and counters.
-class SummaryReporter : public benchmark::BenchmarkReporter {
+// Keeps each benchmark's CPU time and counters.
+class SummaryReporter : public KivBench::ForwardingReporter {
 public:
   struct Measured {
     double nanoseconds;  // CPU time per iteration
@@ -445,22 +447,7 @@ public:
     std::map<std::string, double> counters;
   };
 
-  explicit SummaryReporter(benchmark::BenchmarkReporter& display) : display_(display) {}
-  bool ReportContext(Context const& context) override { return display_.ReportContext(context); }
-  void ReportRuns(std::vector<Run> const& runs) override {
-    display_.ReportRuns(runs);
-    for (Run const& run : runs) {
-      // Repeated benchmarks report their median.
-      if (run.error_occurred) continue;
-      if (run.run_type == Run::RT_Aggregate && run.aggregate_name != "median") continue;
-      Measured& m = measured_[run.run_name.function_name];
-      m.nanoseconds =
-          run.GetAdjustedCPUTime() * 1e9 / benchmark::GetTimeUnitMultiplier(run.time_unit);
-      m.iterations = double(run.iterations);
-      for (auto const& [name, counter] : run.counters) m.counters[name] = counter.value;
-    }
-  }
-  void Finalize() override { display_.Finalize(); }
+  using ForwardingReporter::ForwardingReporter;
 
   Measured const* find(std::string const& name) const {
     auto it = measured_.find(name);
@@ -469,7 +456,13 @@ public:
   void print(std::ostream& out) const;
 
 private:
-  benchmark::BenchmarkReporter& display_;
+  void record(Run const& run) override {
+    Measured& m = measured_[run.run_name.function_name];
+    m.nanoseconds = cpuNanoseconds(run);
+    m.iterations = double(run.iterations);
+    for (auto const& [name, counter] : run.counters) m.counters[name] = counter.value;
+  }
+
   std::map<std::string, Measured> measured_;
 };
 

@@ -10,6 +10,8 @@
 //
 // Benchmarks are named "<operation>/<implementation>/<size>"; the tables after the run are built
 // from the CPU time per iteration of this run only.
+#include "../ForwardingReporter.h"
+
 #include <Kiv/HBitmap.h>
 
 #include <benchmark/benchmark.h>
@@ -198,23 +200,10 @@ void registerAll() {
   }
 }
 
-// Forwards every report to the display reporter and keeps each benchmark's CPU time per
-// iteration (with --benchmark_repetitions, the median).
-class TimeRecorder : public benchmark::BenchmarkReporter {
+// Keeps each benchmark's CPU time per iteration (with --benchmark_repetitions, the median).
+class TimeRecorder : public KivBench::ForwardingReporter {
 public:
-  explicit TimeRecorder(benchmark::BenchmarkReporter& display) : display_(display) {}
-
-  bool ReportContext(Context const& context) override { return display_.ReportContext(context); }
-  void ReportRuns(std::vector<Run> const& runs) override {
-    display_.ReportRuns(runs);
-    for (Run const& run : runs) {
-      if (run.error_occurred) continue;
-      if (run.run_type == Run::RT_Aggregate && run.aggregate_name != "median") continue;
-      nanoseconds_[run.run_name.function_name] =
-          run.GetAdjustedCPUTime() * 1e9 / benchmark::GetTimeUnitMultiplier(run.time_unit);
-    }
-  }
-  void Finalize() override { display_.Finalize(); }
+  using ForwardingReporter::ForwardingReporter;
 
   // The time of one benchmark, or 0 when it did not run.
   double ns(std::string const& name) const {
@@ -223,7 +212,10 @@ public:
   }
 
 private:
-  benchmark::BenchmarkReporter& display_;
+  void record(Run const& run) override {
+    nanoseconds_[run.run_name.function_name] = cpuNanoseconds(run);
+  }
+
   std::map<std::string, double> nanoseconds_;
 };
 

@@ -4,6 +4,8 @@
 // A benchmark named "<group>/<variant>" belongs to <group>; the variant whose name starts with
 // "baseline" is the group's baseline. The build links libbenchmark_main.a to every benchmark
 // executable; since this file defines main, the linker never pulls that archive's main in.
+#include "../ForwardingReporter.h"
+
 #include <benchmark/benchmark.h>
 
 #include <algorithm>
@@ -16,18 +18,11 @@
 
 namespace {
 
-// Forwards every report to the display reporter and keeps each benchmark's CPU time per
-// iteration: the run's own, or with --benchmark_repetitions the median of the runs.
-class RatioReporter : public benchmark::BenchmarkReporter {
+// Keeps each benchmark's CPU time per iteration: the run's own, or with --benchmark_repetitions
+// the median of the runs.
+class RatioReporter : public KivBench::ForwardingReporter {
 public:
-  explicit RatioReporter(benchmark::BenchmarkReporter& display) : display_(display) {}
-
-  bool ReportContext(Context const& context) override { return display_.ReportContext(context); }
-  void ReportRuns(std::vector<Run> const& runs) override {
-    display_.ReportRuns(runs);
-    for (Run const& run : runs) record(run);
-  }
-  void Finalize() override { display_.Finalize(); }
+  using ForwardingReporter::ForwardingReporter;
 
   // Prints one line per non-baseline benchmark whose group has a baseline that ran.
   void printRatios(std::ostream& out) const;
@@ -39,22 +34,17 @@ private:
     double nanoseconds;
   };
 
-  void record(Run const& run);
+  void record(Run const& run) override;
   Measured const* baselineOf(std::string const& group) const;
 
-  benchmark::BenchmarkReporter& display_;
   std::vector<Measured> measured_;  // in the order the benchmarks ran
 };
 
 void RatioReporter::record(Run const& run) {
-  if (run.error_occurred) return;
-  if (run.run_type == Run::RT_Aggregate && run.aggregate_name != "median") return;
   std::string const name = run.run_name.str();
   std::size_t const slash = name.find('/');
   if (slash == std::string::npos) return;
-  double const nanoseconds =
-      run.GetAdjustedCPUTime() * 1e9 / benchmark::GetTimeUnitMultiplier(run.time_unit);
-  Measured entry{name.substr(0, slash), name.substr(slash + 1), nanoseconds};
+  Measured entry{name.substr(0, slash), name.substr(slash + 1), cpuNanoseconds(run)};
   auto same = std::find_if(measured_.begin(), measured_.end(), [&](Measured const& m) {
     return m.group == entry.group && m.variant == entry.variant;
   });

@@ -13,6 +13,8 @@
 //
 // The table at the end gives nanoseconds per operation, the heap's and the clock's cost as
 // multiples of the wheel's, and each queue's cost at 1M as a multiple of its cost at 10K.
+#include "../ForwardingReporter.h"
+
 #include <Kiv/HTimerWheel.h>
 
 #include <Zel/Activity.h>
@@ -299,27 +301,11 @@ void registerQueue(char const* name) {
 }
 
 // Keeps every run's time per operation for the table.
-class TableReporter : public benchmark::BenchmarkReporter {
+class TableReporter : public KivBench::ForwardingReporter {
   using Key = std::tuple<std::string, unsigned long, std::string>;  // operation, timers, queue
 
 public:
-  explicit TableReporter(benchmark::BenchmarkReporter& display) : display_(display) {}
-  bool ReportContext(Context const& context) override { return display_.ReportContext(context); }
-  void ReportRuns(std::vector<Run> const& runs) override {
-    display_.ReportRuns(runs);
-    for (Run const& run : runs) {
-      if (run.error_occurred) continue;
-      std::string const name = run.run_name.function_name;
-      // "<operation>/<queue>/<timers>"
-      std::size_t const op = name.find('/'), queue = name.find('/', op + 1);
-      auto const counter = run.counters.find("per_op");
-      if (queue == std::string::npos || counter == run.counters.end()) continue;
-      Key const key{name.substr(0, op), std::stoul(name.substr(queue + 1)),
-                    name.substr(op + 1, queue - op - 1)};
-      nanoseconds_[key] = counter->second.value * 1e9;
-    }
-  }
-  void Finalize() override { display_.Finalize(); }
+  using ForwardingReporter::ForwardingReporter;
 
   void printTable() const {
     std::printf("\n%-10s %8s %10s %10s %10s %11s %11s\n", "operation", "timers", "wheel ns",
@@ -346,7 +332,17 @@ private:
     auto const it = nanoseconds_.find({op, n, queue});
     return it == nanoseconds_.end() ? 0.0 : it->second;
   }
-  benchmark::BenchmarkReporter& display_;
+  // Benchmark names read "<operation>/<queue>/<timers>".
+  void record(Run const& run) override {
+    std::string const name = run.run_name.function_name;
+    std::size_t const op = name.find('/'), queue = name.find('/', op + 1);
+    auto const counter = run.counters.find("per_op");
+    if (queue == std::string::npos || counter == run.counters.end()) return;
+    Key const key{name.substr(0, op), std::stoul(name.substr(queue + 1)),
+                  name.substr(op + 1, queue - op - 1)};
+    nanoseconds_[key] = counter->second.value * 1e9;
+  }
+
   std::map<Key, double> nanoseconds_;
 };
 

@@ -10,6 +10,8 @@
 // the same limit (the aim: no growth with the number of workers, i.e. cost per transaction
 // linear in it) and eight synchronous workers at the same limit for the time-sliced mode (the
 // aim: within 2x).
+#include "../ForwardingReporter.h"
+
 #include <Kiv/XactLib.h>
 
 #include <Zel/Activity.h>
@@ -115,24 +117,9 @@ BENCHMARK(transactions)
 
 // Keeps each benchmark's median CPU time per iteration over its repetitions (the machine may be
 // shared), then prints the ratios the aims are about.
-class RatioReporter : public benchmark::BenchmarkReporter {
+class RatioReporter : public KivBench::ForwardingReporter {
 public:
-  explicit RatioReporter(benchmark::BenchmarkReporter& display) : display_(display) {}
-
-  bool ReportContext(Context const& context) override { return display_.ReportContext(context); }
-  void ReportRuns(std::vector<Run> const& runs) override {
-    display_.ReportRuns(runs);
-    for (Run const& run : runs) {
-      if (run.error_occurred || run.aggregate_name != "median") continue;
-      long workers = 0, limit = 0, sliced = 0;
-      std::sscanf(run.run_name.args.c_str(), "workers:%ld/limit:%ld/sliced:%ld", &workers, &limit,
-                  &sliced);
-      double const seconds =
-          run.GetAdjustedCPUTime() / benchmark::GetTimeUnitMultiplier(run.time_unit);
-      perXactWorker_[{sliced, limit, workers}] = seconds / (double(xactsPerRun) * workers) * 1e9;
-    }
-  }
-  void Finalize() override { display_.Finalize(); }
+  using ForwardingReporter::ForwardingReporter;
 
   void printRatios(std::ostream& out) const {
     out << "\nCPU time per transaction per worker (ns) and its ratio to the baseline:\n"
@@ -151,7 +138,14 @@ public:
   }
 
 private:
-  benchmark::BenchmarkReporter& display_;
+  void record(Run const& run) override {
+    long workers = 0, limit = 0, sliced = 0;
+    std::sscanf(run.run_name.args.c_str(), "workers:%ld/limit:%ld/sliced:%ld", &workers, &limit,
+                &sliced);
+    perXactWorker_[{sliced, limit, workers}] =
+        cpuNanoseconds(run) / (double(xactsPerRun) * workers);
+  }
+
   std::map<std::tuple<long, long, long>, double> perXactWorker_;  // (sliced, limit, workers)
 };
 
