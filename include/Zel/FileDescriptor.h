@@ -1,8 +1,9 @@
 // Zel::FileDescriptor: a descriptor watched for readability on the activity of the thread that
 // made it. Each time the loop finds it readable the readableCount goes up by one and the
 // notifiees' onReadableCount() runs; readability is level-triggered, so a handler that leaves
-// data unread is called again on the next turn (under virtual time, before time moves on). The owner opens and closes the descriptor;
-// setting it to -1 or destroying the entity stops the notifications.
+// data unread is called again on the next turn (under virtual time, before time moves on). The
+// owner opens and closes the descriptor; setting it to -1 or destroying the entity stops the
+// notifications.
 #pragma once
 
 #include <Zel/Activity.h>

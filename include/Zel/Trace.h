@@ -17,7 +17,6 @@
 #include <algorithm>
 #include <cstddef>
 #include <iosfwd>
-#include <memory>
 #include <sstream>
 #include <string>
 #include <string_view>
