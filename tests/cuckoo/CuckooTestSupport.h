@@ -4,6 +4,8 @@
 
 #include <Kiv/CuckooHashTable.h>
 
+#include <algorithm>
+#include <functional>
 #include <map>
 #include <vector>
 
@@ -23,61 +25,48 @@ struct Rig {
   Zel::Ptr<HashTable> table;
 
   // A table of `shape` whose knobs `configure` may change before initialisation.
-  template <class Configure>
-  Rig(Shape shape, Configure&& configure)
+  explicit Rig(Shape shape, std::function<void(Config&)> const& configure = {})
       : config(configFactory("test", shape.numTables)), status(statusFactory("test")) {
     for (U8 t = 0; t < shape.numTables; ++t) {
       config->tableDescListIs(TableId(t), shape.tableSize, shape.binSize);
     }
-    configure(*config);
+    if (configure) configure(*config);
     table = hashTableFactory(config, status);
     table->handleInitialized();
   }
-  explicit Rig(Shape shape) : Rig(shape, [](Config&) {}) {}
 
   Zel::Ptr<CuckooCmds> const& queue() const { return status->cuckooCmds(); }
-  std::vector<Zel::Ptr<CuckooItem>> queued() const {
-    auto const& seq = queue()->itemSeqIteratorConst();
-    return {seq.begin(), seq.end()};
-  }
-  // The writer's acknowledgement.
   void ack() const { config->cmdReadCompletedInc(1); }
 
-  // Every occupied slot of the shadow.
   Slots shadow() const {
     Slots slots;
     for (auto const& [id, desc] : config->tableDescListIteratorConst()) {
-      for (U8 b = 0; b < desc->binSize(); ++b) {
-        for (U32 i = 0; i < desc->tableSize(); ++i) {
-          CuckooLocation const location(id, b, i);
-          if (auto item = table->itemShadow(location)) slots.emplace(location, item);
-        }
+      for (U32 s = 0; s < desc->binSize() * desc->tableSize(); ++s) {
+        CuckooLocation const location(id, U8(s / desc->tableSize()), s % desc->tableSize());
+        if (auto item = table->itemShadow(location)) slots.emplace(location, item);
       }
     }
     return slots;
   }
 
-  // Whether a lookup in `slots` (a model of the real table) finds `item` where its hashes allow.
-  bool findable(Slots const& slots, Zel::Ptr<HashItem const> const& item) const {
+  // The slots a lookup of `item` probes, in probe order: tables by id, then bins.
+  std::vector<CuckooLocation> slotsOf(Zel::Ptr<HashItem const> const& item) const {
+    std::vector<CuckooLocation> slots;
     for (auto const& [id, desc] : config->tableDescListIteratorConst()) {
-      U32 const index = item->getHash(id) % desc->tableSize();
       for (U8 b = 0; b < desc->binSize(); ++b) {
-        auto it = slots.find(CuckooLocation(id, b, index));
-        if (it != slots.end() && item->isEqual(it->second)) return true;
+        slots.emplace_back(id, b, item->getHash(id) % desc->tableSize());
       }
     }
-    return false;
+    return slots;
+  }
+  // Whether a lookup in `slots` (a model of the real table) finds `item`.
+  bool findable(Slots const& slots, Zel::Ptr<HashItem const> const& item) const {
+    return std::ranges::any_of(slotsOf(item), [&](CuckooLocation const& location) {
+      auto it = slots.find(location);
+      return it != slots.end() && item->isEqual(it->second);
+    });
   }
 };
-
-// Applies one queued write to a model of the real table.
-inline void applyWrite(Slots& slots, CuckooItem const& write) {
-  if (write.item()) {
-    slots[write.location()] = write.item();
-  } else {
-    slots.erase(write.location());
-  }
-}
 
 inline U32 keyOf(Zel::Ptr<HashItem const> const& item) {
   return static_cast<IntHashItem const&>(*item).key();
