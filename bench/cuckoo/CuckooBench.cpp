@@ -85,7 +85,8 @@ class QuadHashItem : public HashItem {
 public:
   QuadHashItem(U32 key, Hashes const& hashes) : key_(key), hashes_(hashes) {}
   bool isEqual(Zel::Ptr<HashItem const> const& other) const override {
-    QuadHashItem const* const same = typeid(*other) == typeid(*this)
+    HashItem const& item = *other;
+    QuadHashItem const* const same = typeid(item) == typeid(*this)
                                          ? static_cast<QuadHashItem const*>(other.ptr())
                                          : dynamic_cast<QuadHashItem const*>(other.ptr());
     return same && same->key_ == key_;

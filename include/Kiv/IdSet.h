@@ -57,7 +57,6 @@
 #include <functional>
 #include <iosfwd>
 #include <iterator>
-#include <ranges>
 #include <string>
 #include <utility>
 #include <vector>
@@ -147,9 +146,7 @@ public:
   void bucketDel(U8 k) { updateBucket(k, 0); }
   void bucketDelAll() noexcept { buckets_.clear(); }
   // The stored buckets, in increasing index order, as (index, word) pairs.
-  auto bucketIteratorConst() const noexcept {
-    return std::ranges::subrange(buckets_.begin(), buckets_.end());
-  }
+  auto const& bucketIteratorConst() const noexcept { return buckets_; }
   std::size_t bucketCount() const noexcept { return buckets_.size(); }
 
   // In place, each on equal sizes: union, intersection, difference, symmetric difference.

@@ -34,7 +34,6 @@
 
 #include <cstddef>
 #include <map>
-#include <ranges>
 #include <string>
 #include <vector>
 
@@ -146,9 +145,7 @@ public:
   void poolDel(U32 key);
   void poolDelAll();
   // The stored ranges in increasing order, as (max, range) pairs.
-  auto poolIteratorConst() const noexcept {
-    return std::ranges::subrange(pool_.ranges.begin(), pool_.ranges.end());
-  }
+  auto const& poolIteratorConst() const noexcept { return pool_.ranges; }
   // The number of stored ranges, which is what the pool's memory follows.
   std::size_t rangeCount() const noexcept { return pool_.ranges.size(); }
 

@@ -77,7 +77,6 @@
 
 #include <iosfwd>
 #include <memory>
-#include <ranges>
 #include <utility>
 
 namespace Kiv {
@@ -240,9 +239,7 @@ public:
   }
   void commentDelAll() { entryDelAll(comment_, &NotifieeConst::onComment); }
   void commentNotify(Zel::String const& source) { notify(&NotifieeConst::onComment, source); }
-  auto commentIteratorConst() const noexcept {
-    return std::ranges::subrange(comment_.begin(), comment_.end());
-  }
+  auto const& commentIteratorConst() const noexcept { return comment_; }
 
   // Transactions that must finish with success before this one starts, keyed by their id. A null
   // transaction throws Zel::RangeException "null _blockingXact parameter to mutator for
@@ -252,9 +249,7 @@ public:
   void blockingXactDel(U32 id) { entryDel(blockingXact_, id, &NotifieeConst::onBlockingXact); }
   void blockingXactDelAll() { entryDelAll(blockingXact_, &NotifieeConst::onBlockingXact); }
   void blockingXactNotify(U32 id) { notify(&NotifieeConst::onBlockingXact, id); }
-  auto blockingXactIteratorConst() const noexcept {
-    return std::ranges::subrange(blockingXact_.begin(), blockingXact_.end());
-  }
+  auto const& blockingXactIteratorConst() const noexcept { return blockingXact_; }
 
   // When true, a blocking transaction that finishes with xactFailure fails this one; when false
   // this one keeps waiting until it is stopped.
@@ -321,9 +316,7 @@ public:
   }
   void xactConfigDel(U32 id) { entryDel(xactConfig_, id, &NotifieeConst::onXactConfig); }
   void xactConfigDelAll() { entryDelAll(xactConfig_, &NotifieeConst::onXactConfig); }
-  auto xactConfigIteratorConst() const noexcept {
-    return std::ranges::subrange(xactConfig_.begin(), xactConfig_.end());
-  }
+  auto const& xactConfigIteratorConst() const noexcept { return xactConfig_; }
   std::size_t xactConfigCount() const noexcept { return xactConfig_.size(); }
 
   static auto zelAttributes() {
@@ -364,9 +357,7 @@ public:
   }
   void xactStatusDel(U32 id) { entryDel(xactStatus_, id, &NotifieeConst::onXactStatus); }
   void xactStatusDelAll() { entryDelAll(xactStatus_, &NotifieeConst::onXactStatus); }
-  auto xactStatusIteratorConst() const noexcept {
-    return std::ranges::subrange(xactStatus_.begin(), xactStatus_.end());
-  }
+  auto const& xactStatusIteratorConst() const noexcept { return xactStatus_; }
   std::size_t xactStatusCount() const noexcept { return xactStatus_.size(); }
 
   static auto zelAttributes() {
@@ -408,9 +399,7 @@ public:
   }
   void xactDel(U32 id) { entryDel(xact_, id, &NotifieeConst::onXact); }
   void xactDelAll() { entryDelAll(xact_, &NotifieeConst::onXact); }
-  auto xactIteratorConst() const noexcept {
-    return std::ranges::subrange(xact_.begin(), xact_.end());
-  }
+  auto const& xactIteratorConst() const noexcept { return xact_; }
   std::size_t xactCount() const noexcept { return xact_.size(); }
 
   static auto zelAttributes() {
@@ -476,9 +465,7 @@ public:
     }
     void commentDel(Zel::String const& source) { comment_.del(source); }
     void commentDelAll() noexcept { comment_.delAll(); }
-    auto commentIteratorConst() const noexcept {
-      return std::ranges::subrange(comment_.begin(), comment_.end());
-    }
+    auto const& commentIteratorConst() const noexcept { return comment_; }
 
   private:
     Zel::HashMap2018<Zel::String, Zel::String> comment_;
@@ -743,9 +730,7 @@ public:
     ++backlogRemovals_;
     entryDelAll(backlog_, &NotifieeConst::onBacklog);
   }
-  auto backlogIteratorConst() const noexcept {
-    return std::ranges::subrange(backlog_.begin(), backlog_.end());
-  }
+  auto const& backlogIteratorConst() const noexcept { return backlog_; }
   // The id at which the next time slice starts.
   U32 bookmark() const noexcept { return bookmark_; }
   void bookmarkIs(U32 id) { attributeIs(bookmark_, id, &NotifieeConst::onBookmark); }

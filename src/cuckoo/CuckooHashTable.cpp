@@ -82,7 +82,8 @@ bool IntHashItem::isEqual(Zel::Ptr<HashItem const> const& other) const {
   if (!other) return false;
   // Items made by one factory share their dynamic type, so lookups, which compare with every
   // resident of a bucket, take the cheap type test before the cast's walk of the hierarchy.
-  IntHashItem const* const same = typeid(*other) == typeid(*this)
+  HashItem const& item = *other;
+  IntHashItem const* const same = typeid(item) == typeid(*this)
                                       ? static_cast<IntHashItem const*>(other.ptr())
                                       : dynamic_cast<IntHashItem const*>(other.ptr());
   return same && same->key_ == key_;

@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cstddef>
 #include <map>
 #include <random>
 #include <set>
@@ -114,8 +115,9 @@ struct Watcher : BestFitAllocator::NotifieeConst {
 // Random alloc, free, realloc, resize and defragment, checked after every step against the
 // blocks the test holds. Each shape must see moves, refusals and jumbo fits, or it tested less.
 TEST(BestFitRandom, TilesMergesFitsAndCompactsUnderChurn) {
-  for (auto [memSz, offset, maxBlkSz] :
+  for (auto const& shape :
        {std::array<U32, 3>{300, 1000, 16}, {40, 0, 3}, {700, 0x7FFFFFFF, 64}, {8, 5, 1}}) {
+    U32 const memSz = shape[0], offset = shape[1], maxBlkSz = shape[2];
     SCOPED_TRACE(testing::Message() << "memSz " << memSz << " maxBlkSz " << maxBlkSz);
     auto a = bestFitAllocatorFactory(memSz, offset, maxBlkSz);
     Watcher watcher;
@@ -152,7 +154,7 @@ TEST(BestFitRandom, TilesMergesFitsAndCompactsUnderChurn) {
       } else if (dice >= 75 && dice < 88) {
         U32 const n = std::min(size(), a->memSz());
         U32 const start = pick(a->memSz() - n + 1);
-        bool const allFree = std::count(table.begin() + start, table.begin() + start + n, -1) == n;
+        bool const allFree = std::count(table.begin() + start, table.begin() + start + n, -1) == std::ptrdiff_t(n);
         BlkPtr blk = a->realloc(start + a->offset(), n);
         ASSERT_EQ(bool(blk), allFree) << "realloc(" << start << ", " << n << ")";
         if (blk) held.push_back(blk);

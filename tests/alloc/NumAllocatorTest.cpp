@@ -9,10 +9,8 @@
 
 #include <algorithm>
 #include <cmath>
-#include <iterator>
 #include <map>
 #include <random>
-#include <ranges>
 #include <set>
 #include <sstream>
 #include <string>
@@ -97,8 +95,9 @@ TEST_F(NumAllocatorTest, RandomRunMatchesModel) {
     bool const exhausted = status->rangeExhausted(), allFree = status->allFree();
     int const notifications = watch.notifications;
     std::vector<U32> free;
-    std::ranges::copy_if(std::views::iota(0u, universe), std::back_inserter(free),
-                         [&](U32 n) { return m.isFree(n); });
+    for (U32 n = 0; n < universe; ++n) {
+      if (m.isFree(n)) free.push_back(n);
+    }
     U32 const n = below(universe);
     S64 expected = kInvalid, got = kInvalid;
     U32 const op = below(10);

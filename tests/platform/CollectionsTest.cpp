@@ -62,7 +62,7 @@ TEST(NamesAndStrings, InterningAndOrderFollowTheBytes) {
   std::string const sorted[] = {"", "\0"s, "a", "a\0"s, "a\xe9", "b", "\xe9"};
   for (std::size_t i = 0; i < std::size(sorted); ++i) {
     for (std::size_t j = 0; j < std::size(sorted); ++j) {
-      Zel::Name const a(sorted[i]), b(Zel::String(sorted[j]));
+      Zel::Name const a(sorted[i]), b{Zel::String(sorted[j])};
       ASSERT_EQ(std::pair(&a.str() == &b.str(), a == b), std::pair(i == j, i == j));
       ASSERT_EQ(a <=> b, i <=> j);
       ASSERT_EQ(Zel::String(sorted[i]) <=> Zel::String(sorted[j]), i <=> j);
