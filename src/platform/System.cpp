@@ -2,16 +2,31 @@
 #include <Zel/System.h>
 
 #include <atomic>
+#include <bit>
 #include <cerrno>
 #include <cmath>
 #include <ctime>
+#include <limits>
+
+// The build asks for the 64-bit time_t on every target; without it a 32-bit agent would stop
+// reading the wall clock in 2038.
+static_assert(sizeof(time_t) == 8, "build with _TIME_BITS=64");
 
 namespace Zel::System {
 
 namespace {
 // NaN means wall time; otherwise the virtual time itself. One word, so readers never see a
-// switched flag with a stale time.
-std::atomic<Seconds> virtualNow{std::nan("")};
+// switched flag with a stale time. The word holds the double's bits: an atomic U64 is 8-byte
+// aligned and so lock-free on 32-bit x86 too, where an atomic double (4-byte aligned there) may
+// not be.
+std::atomic<U64> virtualNow{std::bit_cast<U64>(std::numeric_limits<Seconds>::quiet_NaN())};
+
+Seconds virtualNowValue() noexcept {
+  return std::bit_cast<Seconds>(virtualNow.load(std::memory_order_relaxed));
+}
+void virtualNowIs(Seconds t) noexcept {
+  virtualNow.store(std::bit_cast<U64>(t), std::memory_order_relaxed);
+}
 
 Seconds wallTime() noexcept {
   timespec now;
@@ -21,18 +36,18 @@ Seconds wallTime() noexcept {
 }  // namespace
 
 Seconds currentTime() noexcept {
-  Seconds const v = virtualNow.load(std::memory_order_relaxed);
+  Seconds const v = virtualNowValue();
   return std::isnan(v) ? wallTime() : v;
 }
 
 void virtualTimeIs(Seconds t) noexcept {
   ZEL_ASSERT(!std::isnan(t));
-  virtualNow.store(t, std::memory_order_relaxed);
+  virtualNowIs(t);
 }
 
-void virtualTimeDel() noexcept { virtualNow.store(std::nan(""), std::memory_order_relaxed); }
+void virtualTimeDel() noexcept { virtualNowIs(std::numeric_limits<Seconds>::quiet_NaN()); }
 
-bool virtualTime() noexcept { return !std::isnan(virtualNow.load(std::memory_order_relaxed)); }
+bool virtualTime() noexcept { return !std::isnan(virtualNowValue()); }
 
 void sleep(Seconds seconds) {
   if (!(seconds > 0)) return;
