@@ -25,7 +25,8 @@ public:
   std::string const& str() const noexcept { return entry_->text; }
   std::string_view view() const noexcept { return entry_->text; }
   bool empty() const noexcept { return entry_->text.empty(); }
-  std::size_t hash() const noexcept { return entry_->hash; }
+  // Zel::hashText of the name, kept with it.
+  U32 hash() const noexcept { return entry_->hash; }
 
   friend bool operator==(Name const& a, Name const& b) noexcept { return a.entry_ == b.entry_; }
   friend std::strong_ordering operator<=>(Name const& a, Name const& b) noexcept {
@@ -35,7 +36,7 @@ public:
 
   struct Entry {
     std::string text;
-    std::size_t hash;
+    U32 hash;
   };
 
 private:

@@ -1,6 +1,8 @@
 // Zel::String: an immutable string whose copies share one buffer.
 #pragma once
 
+#include <Zel/Hash.h>
+
 #include <compare>
 #include <cstddef>
 #include <functional>
@@ -56,7 +58,5 @@ private:
 
 template <>
 struct std::hash<Zel::String> {
-  std::size_t operator()(Zel::String const& s) const noexcept {
-    return std::hash<std::string_view>()(s.view());
-  }
+  std::size_t operator()(Zel::String const& s) const noexcept { return Zel::hashText(s.view()); }
 };

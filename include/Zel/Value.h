@@ -28,9 +28,11 @@
 // prints as Value('<type>', ** {'<field>': <value>, ...}) with each field in its own form.
 #pragma once
 
+#include <Zel/Hash.h>
 #include <Zel/NboAttrLog.h>
 #include <Zel/Strep.h>
 
+#include <bit>
 #include <cstddef>
 #include <functional>
 #include <ostream>
@@ -98,18 +100,27 @@ constexpr bool printsAsSingleValue() {
   return declared.size == 1 && std::string_view(std::get<0>(declared.fields).name) == "value";
 }
 
-// Hash of any key: value types combine the hashes of their fields.
+// Hash of any key, the same on every target (Zel/Hash.h): value types combine the hashes of their
+// fields; numbers hash their value (floating-point ones their bits, both zeros alike); text its
+// characters. Other keys (pointers, handles) use std::hash.
 template <class T>
 struct Hash {
   std::size_t operator()(T const& value) const noexcept {
     if constexpr (ValueType<T>) {
-      std::size_t seed = 0;
+      U32 seed = 0;
       forEachField<T>([&](auto const& f) {
         using V = FieldType<T, std::remove_cvref_t<decltype(f)>>;
-        seed ^= Hash<V>()(std::invoke(f.get, value)) + 0x9e3779b97f4a7c15ull + (seed << 6) +
-                (seed >> 2);
+        seed = hashCombine(seed, U32(Hash<V>()(std::invoke(f.get, value))));
       });
       return seed;
+    } else if constexpr (std::is_enum_v<T>) {
+      return Hash<std::underlying_type_t<T>>()(static_cast<std::underlying_type_t<T>>(value));
+    } else if constexpr (std::is_integral_v<T>) {
+      return hashWord(U64(value));
+    } else if constexpr (std::is_floating_point_v<T>) {
+      return value == 0 ? 0 : hashWord(std::bit_cast<U64>(double(value)));
+    } else if constexpr (std::is_convertible_v<T const&, std::string_view>) {
+      return hashText(value);
     } else {
       return std::hash<T>()(value);
     }

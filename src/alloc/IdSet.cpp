@@ -270,11 +270,8 @@ bool IdSet::operator==(IdSet const& other) const {
 bool IdSet::operator!() const { return *this == IdSet(0, Id::null()); }
 
 std::size_t IdSet::hash() const noexcept {
-  std::size_t seed = buckets_.size();
-  for (auto const& [k, word] : buckets_) {
-    seed ^= std::hash<U64>()(word * 0x9e3779b97f4a7c15ull + k) + 0x9e3779b97f4a7c15ull +
-            (seed << 6) + (seed >> 2);
-  }
+  U32 seed = U32(buckets_.size());
+  for (auto const& [k, word] : buckets_) seed = Zel::hashCombine(seed, Zel::hashWord(word) ^ k);
   return seed;
 }
 

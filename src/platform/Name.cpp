@@ -13,19 +13,21 @@ class InternTable {
 public:
   Name::Entry const* intern(std::string_view text) {
     std::lock_guard lock(mutex_);
-    auto [it, inserted] = entries_.insert(Name::Entry{std::string(text), 0});
-    if (inserted) const_cast<Name::Entry&>(*it).hash = std::hash<std::string_view>()(text);
-    return &*it;
+    // Looked up by view first, so naming an existing entry copies no text.
+    if (auto it = entries_.find(text); it != entries_.end()) return &*it;
+    return &*entries_.insert(Name::Entry{std::string(text), hashText(text)}).first;
   }
 
 private:
   struct ByText {
     using is_transparent = void;
-    std::size_t operator()(Name::Entry const& e) const noexcept {
-      return std::hash<std::string_view>()(e.text);
-    }
-    bool operator()(Name::Entry const& a, Name::Entry const& b) const noexcept {
-      return a.text == b.text;
+    std::size_t operator()(Name::Entry const& e) const noexcept { return e.hash; }
+    std::size_t operator()(std::string_view text) const noexcept { return hashText(text); }
+    static std::string_view text(Name::Entry const& e) noexcept { return e.text; }
+    static std::string_view text(std::string_view t) noexcept { return t; }
+    template <class A, class B>
+    bool operator()(A const& a, B const& b) const noexcept {
+      return text(a) == text(b);
     }
   };
 
