@@ -1,6 +1,7 @@
 #include <Kiv/HBitmap.h>
 
 #include <Zel/Assert.h>
+#include <Zel/Bits.h>
 #include <Zel/Strep.h>
 #include <Zel/Trace.h>
 
@@ -106,7 +107,7 @@ private:
       U64 const val = word(level, pos / 64) & bitsFrom(pos % 64);
       if (val != 0) {
         U32 const leaf =
-            descend<IndexPreference::preferLo>(level, (pos & ~63u) + std::countr_zero(val));
+            descend<IndexPreference::preferLo>(level, (pos & ~63u) + Zel::countrZero(val));
         return leaf <= last ? leaf : notFound;
       }
       pos = pos / 64 + 1;
@@ -138,7 +139,7 @@ private:
 
   template <IndexPreference pref>
   static U32 pick(U64 val) {
-    return pref == IndexPreference::preferLo ? std::countr_zero(val) : 63 - std::countl_zero(val);
+    return pref == IndexPreference::preferLo ? Zel::countrZero(val) : 63 - std::countl_zero(val);
   }
 
   // From bit `pos` of `level`, known to be 1, down to the leaf it leads to. The summary invariant

@@ -1,6 +1,7 @@
 #include <Kiv/IdSet.h>
 
 #include <Zel/Assert.h>
+#include <Zel/Bits.h>
 #include <Zel/Exception.h>
 #include <Zel/GenericIf.h>
 
@@ -291,12 +292,12 @@ Id IdSet::nextId(Id bitPos) const {
     U64 const above = bit == 63 || !stored ? 0 : next->second >> (bit + 1);
     if (stored) ++next;
     if (above != 0) {
-      U32 const id = U32{bitPos.value()} + 1 + std::countr_zero(above);
+      U32 const id = U32{bitPos.value()} + 1 + Zel::countrZero(above);
       return id < size_ ? Id(static_cast<U16>(id)) : Id::null();
     }
   }
   if (next == buckets_.end()) return Id::null();
-  U32 const id = U32{next->first} * 64 + std::countr_zero(next->second);
+  U32 const id = U32{next->first} * 64 + Zel::countrZero(next->second);
   return id < size_ ? Id(static_cast<U16>(id)) : Id::null();
 }
 

@@ -37,10 +37,25 @@ void const* id(Notifiee const* n) { return n; }
 // exactly one half dropped, saturating at the largest U64.
 U64 roundedMsecs(Seconds seconds) {
   Seconds const ms = seconds * 1000;
+  // Deadlines within 24 days convert through 32 bits, one SSE2 instruction each way on every
+  // target; on 32-bit x86 a conversion to or from 64 bits goes through the x87 unit and switches
+  // its rounding mode twice, which made arming a timer there four times as costly.
+  if (ms < 2147483648.0) {
+    S32 const whole = static_cast<S32>(ms);
+    return U64(U32(whole) + (ms - static_cast<Seconds>(whole) > 0.5 ? 1u : 0u));
+  }
   if (!(ms < 18446744073709551616.0)) return ~U64(0);
   U64 whole = static_cast<U64>(ms);
   if (ms - static_cast<Seconds>(whole) > 0.5) ++whole;
   return whole;
+}
+
+// Whole ticks in `ms`, the last one counted if partly covered when `roundUp`. A 32-bit division
+// where the operands allow it: several times cheaper on x86-64, and on 32-bit x86 the 64-bit one
+// is a library call.
+U64 msecsToTicks(U64 ms, U32 tick, bool roundUp) {
+  if (ms <= 0xFFFFFFFF) return U32(ms) / tick + (roundUp && U32(ms) % tick != 0 ? 1 : 0);
+  return ms / tick + (roundUp && ms % tick != 0 ? 1 : 0);
 }
 
 // forwardTicks() and wheelAt() for the wheel's own steps: file-local, so that they inline.
@@ -49,11 +64,7 @@ U32 ticksUntil(TimerWheel const* tw, Notifiee const* n) {
   ZEL_ASSERT(now != Zel::endOfTime);
   Seconds const when = n->timeMin();
   if (now >= when || when == 0) return 0;
-  U64 const ms = roundedMsecs(when - now);
-  U32 const tick = tw->tickMsecs();
-  // A 32-bit division is several times cheaper where the operands allow it.
-  U64 const ticks = ms <= 0xFFFFFFFF ? U32(ms) / tick + (U32(ms) % tick != 0 ? 1 : 0)
-                                     : ms / tick + (ms % tick != 0 ? 1 : 0);
+  U64 const ticks = msecsToTicks(roundedMsecs(when - now), tw->tickMsecs(), true);
   return ticks > 0xFFFFFFFF ? 0xFFFFFFFF : static_cast<U32>(ticks);
 }
 
@@ -324,19 +335,23 @@ U32 forwardTicks(TimerWheel const* tw, Notifiee const* n) { return ticksUntil(tw
       break;
     }
     if (bucketIndex == last) {
+      // Both terms are below the size, so one subtraction wraps their sum: no 64-bit division,
+      // which is a library call on 32-bit x86.
       if (ticks < level.size) {
-        index = static_cast<U32>((U64(level.current) + ticks) % level.size);
+        U64 const sum = U64(level.current) + ticks;
+        index = static_cast<U32>(sum < level.size ? sum : sum - level.size);
       } else {
         if (auto t = Zel::TraceHelper(*tw->trace_, 3)) {
           t << "Reducing timeout to fit the maximum timer capacity";
         }
-        index = static_cast<U32>((U64(level.current) + level.size - 1) % level.size);
+        index = level.current != 0 ? level.current - 1 : level.size - 1;
       }
       break;
     }
-    ticks = level.shift != TimerWheel::notPowerOfTwo
-                ? static_cast<U32>((U64(ticks) + level.current) >> level.shift)
-                : static_cast<U32>((U64(ticks) + level.current) / level.size);
+    U64 const carried = U64(ticks) + level.current;
+    ticks = level.shift != TimerWheel::notPowerOfTwo ? static_cast<U32>(carried >> level.shift)
+            : carried <= 0xFFFFFFFF                  ? U32(carried) / level.size
+                                                     : static_cast<U32>(carried / level.size);
     if (auto t = Zel::TraceHelper(*tw->trace_, 9)) {
       t << "bucket size " << level.size << " ticks " << ticks;
     }
@@ -442,7 +457,7 @@ U32 forwardTicks(TimerWheel const* tw, Notifiee const* n) { return ticksUntil(tw
   ZEL_ASSERT(tw->currentWheelIndexTime() != Zel::endOfTime);
   Seconds const dist = tw->time() - tw->currentWheelIndexTime();
   if (dist <= 0) return;
-  U64 const elapsed = roundedMsecs(dist) / tw->tickMsecs();
+  U64 const elapsed = msecsToTicks(roundedMsecs(dist), tw->tickMsecs(), false);
   if (elapsed == 0) return;
   ZEL_ASSERT(tw->scheduledWheelIndex() != InvalidWheelIndex);
   U32 const current = tw->currentWheelIndex(0);
