@@ -1,5 +1,11 @@
-// The runtime's assertion: on failure it prints the condition's source text and aborts. It is
-// active in every build type, because it guards misuse, not only development mistakes.
+// The runtime's assertions: on failure they print the condition and abort. They are active in
+// every build type, because they guard misuse, not only development mistakes.
+//
+// ZEL_ASSERT prints the condition's source text. Where the contract fixes the printed text, the
+// _AS forms take it as a literal of its own, so that reformatting or renaming within the condition
+// never changes a message:
+//
+//   ZEL_ASSERT_AS(activePool_->isMember(number), "activePool()->isMember( number )");
 #pragma once
 
 #include <sstream>
@@ -18,14 +24,18 @@ namespace Zel {
 
 }  // namespace Zel
 
-#define ZEL_ASSERT(condition)                                                                   \
+#define ZEL_ASSERT(condition) ZEL_ASSERT_AS(condition, #condition)
+
+#define ZEL_ASSERT_AS(condition, text)                                                          \
   (__builtin_expect(static_cast<bool>(condition), 1)                                            \
        ? void(0)                                                                                \
-       : ::Zel::assertionFailed(#condition, __FILE__, __LINE__, __func__))
+       : ::Zel::assertionFailed(text, __FILE__, __LINE__, __func__))
 
 // Like ZEL_ASSERT, but first prints the Failed line; `detail` is streamed only on failure.
-#define ZEL_CHECK(condition, detail)                                                            \
+#define ZEL_CHECK(condition, detail) ZEL_CHECK_AS(condition, #condition, detail)
+
+#define ZEL_CHECK_AS(condition, text, detail)                                                   \
   (__builtin_expect(static_cast<bool>(condition), 1)                                            \
        ? void(0)                                                                                \
-       : ::Zel::checkFailed(#condition, (std::ostringstream() << detail).str(), __FILE__,      \
-                            __LINE__, __func__))
+       : ::Zel::checkFailed(text, (std::ostringstream() << detail).str(), __FILE__, __LINE__,  \
+                            __func__))

@@ -1,20 +1,28 @@
-// Tracing. Each source file owns one trace handle named after the file, created on first use:
+// Tracing. Each source file owns one trace handle named after the file, and names its levels
+// when it uses more than one; every statement has the same form:
 //
+//   namespace {
 //   constexpr auto trace = Zel::traceHandle<"ReviewTimer">;
+//   constexpr int traceSchedule = 7;  // each review scheduled
+//   }
 //   ...
-//   if (auto t = Zel::TraceHelper(trace(), 7)) t << "ReviewTimer scheduling at " << now;
+//   if (auto t = Zel::TraceHelper(trace(), traceSchedule)) t << "scheduling at " << now;
 //
-// A statement whose level is disabled costs the one branch: nothing is formatted or allocated.
+// A statement whose level is disabled costs a load and a branch: the handle is a constant-
+// initialized static, so finding it costs nothing, and nothing is formatted or allocated.
 // Levels run from 0 (most important) to 9 (most detail); a handle at level L writes statements
 // of level L and below.
 //
-// Levels come from the environment variable KIV_TRACE, read once when a handle is first made:
-// a comma-separated list of name=level entries, where the name is a handle name or "*" for every
-// handle (KIV_TRACE="*=1,ReviewTimer=9"). Lines go to standard error, or to the file named by
-// KIV_TRACE_FILE. Each line reads "<handle>[<level>] <text> (<file>:<line> <function>)".
+// Levels come from the environment variable KIV_TRACE, read by a handle when it is first asked
+// for its level: a comma-separated list of name=level entries, where the name is a handle name or
+// "*" for every handle (KIV_TRACE="*=1,ReviewTimer=9"). Lines go to standard error, or to the
+// file named by KIV_TRACE_FILE. Each line reads "<handle>[<level>] <text> (<file>:<line>
+// <function>)".
 #pragma once
 
 #include <algorithm>
+#include <atomic>
+#include <climits>
 #include <cstddef>
 #include <iosfwd>
 #include <sstream>
@@ -28,20 +36,35 @@ public:
   static constexpr int disabled = -1;
   static constexpr int maxLevel = 9;
 
-  explicit TraceHandle(std::string name);
+  // `name` must outlive the handle (a literal or a template parameter object).
+  constexpr explicit TraceHandle(char const* name) noexcept : name_(name) {}
+  TraceHandle(TraceHandle const&) = delete;
+  TraceHandle& operator=(TraceHandle const&) = delete;
 
-  std::string const& name() const noexcept { return name_; }
-  int level() const noexcept { return level_; }
-  void levelIs(int level) noexcept { level_ = level; }
-  bool enabled(int level) const noexcept { return level <= level_; }
+  std::string_view name() const noexcept { return name_; }
+  int level() const noexcept {
+    int const level = level_.load(std::memory_order_relaxed);
+    return level != unread ? level : readLevel();
+  }
+  void levelIs(int level) noexcept { level_.store(level, std::memory_order_relaxed); }
+  // The level not yet read is above every statement's, so the first test reads it.
+  bool enabled(int level) const noexcept {
+    int const current = level_.load(std::memory_order_relaxed);
+    return level <= current && (current != unread || level <= readLevel());
+  }
 
   // Writes one finished trace line.
   void trace(int level, std::string_view text, char const* file, unsigned line,
              char const* function) const;
 
 private:
-  std::string name_;
-  int level_;
+  static constexpr int unread = INT_MAX;
+
+  // Takes the level KIV_TRACE gives this handle and returns it.
+  int readLevel() const noexcept;
+
+  char const* name_;
+  mutable std::atomic<int> level_{unread};
 };
 
 // Where trace lines go; null restores the default (KIV_TRACE_FILE or standard error).
@@ -56,7 +79,7 @@ struct TraceName {
 
 template <TraceName name>
 TraceHandle& traceHandle() {
-  static TraceHandle handle(name.chars);
+  static constinit TraceHandle handle(name.chars);
   return handle;
 }
 

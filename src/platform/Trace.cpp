@@ -70,8 +70,11 @@ std::string_view baseName(char const* path) {
 
 }  // namespace
 
-TraceHandle::TraceHandle(std::string name)
-    : name_(std::move(name)), level_(configuredLevel(name_)) {}
+int TraceHandle::readLevel() const noexcept {
+  int const level = configuredLevel(name_);
+  level_.store(level, std::memory_order_relaxed);
+  return level;
+}
 
 void TraceHandle::trace(int level, std::string_view text, char const* file, unsigned line,
                         char const* function) const {

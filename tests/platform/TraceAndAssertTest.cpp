@@ -20,8 +20,8 @@ struct Counted {
 
 // An enabled statement writes one exact line and formats each operand once; a disabled one
 // writes nothing and, guarded, does not even evaluate its operands; level 9 is the most detail.
-// A handle takes its level from the environment when made: its own entry wins over "*" even
-// when lower, and unreadable entries are skipped.
+// A handle takes its level from the environment when first asked: its own entry wins over "*"
+// even when lower, and unreadable entries are skipped; a level set by hand stays.
 TEST(Trace, LevelsAndTheExactLine) {
   auto& handle = Zel::traceHandle<"TraceTest">();
   std::ostringstream sink;
@@ -44,7 +44,11 @@ TEST(Trace, LevelsAndTheExactLine) {
 
   char const* const old = std::getenv("KIV_TRACE");
   std::optional<std::string> const saved = old ? std::optional<std::string>(old) : std::nullopt;
+  Zel::traceHandle<"TraceEnvSet">().levelIs(2);
   setenv("KIV_TRACE", "*=5,TraceEnvNamed=1,junk,TraceEnvHigh=12,TraceEnvBad=x", 1);
+  EXPECT_TRUE(Zel::traceHandle<"TraceEnvNamed">().enabled(1));
+  EXPECT_FALSE(Zel::traceHandle<"TraceEnvNamed">().enabled(2));
+  EXPECT_EQ(Zel::traceHandle<"TraceEnvSet">().level(), 2);
   EXPECT_EQ(Zel::traceHandle<"TraceEnvNamed">().level(), 1);
   EXPECT_EQ(Zel::traceHandle<"TraceEnvOther">().level(), 5);
   EXPECT_EQ(Zel::traceHandle<"TraceEnvHigh">().level(), Zel::TraceHandle::maxLevel);
@@ -54,13 +58,17 @@ TEST(Trace, LevelsAndTheExactLine) {
 
 class Unheld : public Zel::PtrInterface {};
 
-// The assertion texts, ZEL_CHECK's detail streamed only on failure, and each guarded misuse.
+// The assertion texts, the _AS forms' own texts, ZEL_CHECK's detail streamed only on failure, and
+// each guarded misuse.
 TEST(AssertDeathTest, PrintTheConditionWhereAndDetailThenAbort) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");
   EXPECT_DEATH(ZEL_ASSERT(false && "x"),
                "Assertion failed: false && \"x\" \\(.*TraceAndAssertTest\\.cpp:[0-9]+, ");
   EXPECT_DEATH(ZEL_CHECK(1 + 1 == 3, "detail " << 5),
                "Failed\\(1 \\+ 1 == 3\\) detail 5\nAssertion failed: .*1 \\+ 1 == 3");
+  EXPECT_DEATH(ZEL_ASSERT_AS(1 > 2, "one( more )"), "Assertion failed: one\\( more \\) \\(");
+  EXPECT_DEATH(ZEL_CHECK_AS(1 > 2, "one( more )", "by " << 1),
+               "Failed\\(one\\( more \\)\\) by 1\nAssertion failed: !\"one\\( more \\)\"");
   int formatted = 0;
   ZEL_CHECK(1 + 1 == 2, Counted{&formatted});
   EXPECT_EQ(formatted, 0);
