@@ -307,13 +307,14 @@ private:
   void takeLowEnd(U32 size, U32 startIndex, U32 blkSz);
   // Moves blk down onto the lowest free block, which lies right below it, and fixes the free space.
   void slideDown(BFA::Blk& blk);
-  // The size-class record of a free block: its FreeBlkSet, or the jumbo set.
+  // The size-class record of a free block: its FreeBlkSet, or the jumbo set. Every free block
+  // forgotten loses its record, so sizeEntryDel is where the removal is traced.
   void sizeEntryIs(U32 blkSz, U32 startIndex);
   void sizeEntryDel(U32 blkSz, U32 startIndex);
-  void traceRemoving(U32 blkSz, U32 startIndex) const;
   // Sets memSz, changed by `change` entries at the top, all of them free.
   void memSzIs(U32 memSz, U32 change);
-  void traceBlocks(char const* freeHeading, char const* usedHeading) const;
+  // Traces the free and the used blocks, each list under its heading, in index order.
+  void listBlocks(char const* freeHeading, char const* usedHeading) const;
 
   U32 memSz_;
   U32 offset_;

@@ -91,10 +91,6 @@
 #include <memory>
 #include <vector>
 
-namespace Zel {
-class TraceHandle;
-}
-
 namespace Kiv {
 
 // The number of slots of one level of a timer wheel: 2 to 0xFFFFFFFE.
@@ -319,8 +315,6 @@ private:
     if (--levels_[level].timers == 0) --nonEmptyLevels_;
   }
 
-  // The file's trace handle, held so that a disabled statement costs two loads and a branch.
-  Zel::TraceHandle const* const trace_;
   Zel::Ptr<Zel::Clock const> systemClock_;
   U32 tickMsecs_;
   U32 initialMaxTicks_;

@@ -12,43 +12,13 @@ namespace Kiv {
 
 namespace {
 
-// Trace levels: lifecycle and maintenance, requests that find nothing, each block handed out or
-// returned, counter changes, free-list bookkeeping, and the block listings of a compaction.
-constexpr int kLifecycle = 2;
-constexpr int kNothingFree = 3;
-constexpr int kBlocks = 5;
-constexpr int kCounters = 7;
-constexpr int kFreeLists = 8;
-constexpr int kListings = 9;
-
-// Where a trace statement stands; the defaults capture the statement's own file, line and function.
-struct TraceAt {
-  int level;
-  char const* file = __builtin_FILE();
-  unsigned line = __builtin_LINE();
-  char const* function = __builtin_FUNCTION();
-};
-
-Zel::TraceHandle const& traceHandle() {
-  static Zel::TraceHandle const& handle = Zel::traceHandle<"BestFitAllocator">();
-  return handle;
-}
-
-// One trace line made of `parts`. The level is tested first, inline, so that a disabled statement
-// on the alloc and free paths costs a load and a branch rather than two calls into the runtime.
-template <class... Parts>
-void trace(TraceAt const& at, Parts const&... parts) {
-  if (!traceHandle().enabled(at.level)) [[likely]] return;
-  Zel::TraceHelper line(traceHandle(), at.level, at.file, at.line, at.function);
-  (line << ... << parts);
-}
-
-// Misuse or a broken invariant whose condition cannot be written as the C++ that tests it.
-[[noreturn]] void failed(char const* condition, std::string const& detail,
-                         char const* file = __builtin_FILE(), int line = __builtin_LINE(),
-                         char const* function = __builtin_FUNCTION()) {
-  Zel::checkFailed(condition, detail, file, line, function);
-}
+constexpr auto trace = Zel::traceHandle<"BestFitAllocator">;
+constexpr int traceLifecycle = 2;    // construction, compaction and resizing
+constexpr int traceNothingFree = 3;  // requests that find no free entries
+constexpr int traceBlocks = 5;       // each block handed out or returned
+constexpr int traceCounters = 7;     // changes of numFreeEntries
+constexpr int traceFreeLists = 8;    // free blocks recorded and forgotten
+constexpr int traceListings = 9;     // size classes made and deleted; a compaction's block lists
 
 std::string blkText(char const* what, U32 blkSz, U32 startIndex) {
   return std::string(what) + ": free blk sz " + std::to_string(blkSz) + ", index " +
@@ -106,20 +76,23 @@ Zel::Ptr<BestFitAllocator> bestFitAllocatorFactory(U32 memSz, U32 offset, U32 ma
 
 BestFitAllocator::BestFitAllocator(U32 size, U32 base, U32 largestBlk)
     : memSz_(size), offset_(base), maxBlkSz_(largestBlk) {
-  ZEL_CHECK(memSz(), "BestFitAllocator: memSz 0, the space must have entries");
-  trace({kLifecycle}, "memSz = ", memSz(), ", offset = ", offset(), ", maxBlkSz = ", maxBlkSz());
-  if (U64{memSz()} + offset() >= 0xFFFFFFFF) {
-    failed("( memSz() + offset() ) < 0xFFFFFFFF",
-           "BestFitAllocator: memSz " + std::to_string(memSz()) + " + offset " +
-               std::to_string(offset()) + " leaves no caller index below 0xFFFFFFFF");
+  ZEL_CHECK_AS(memSz_ != 0, "memSz()", "BestFitAllocator: memSz 0, the space must have entries");
+  if (auto t = Zel::TraceHelper(trace(), traceLifecycle)) {
+    t << "memSz = " << memSz() << ", offset = " << offset() << ", maxBlkSz = " << maxBlkSz();
   }
-  ZEL_CHECK(maxBlkSz(), "BestFitAllocator: maxBlkSz 0, no block could be allocated");
-  ZEL_CHECK(maxBlkSz() < memSz(),
-            "BestFitAllocator: maxBlkSz " << maxBlkSz() << " not below memSz " << memSz());
+  ZEL_CHECK_AS(U64{memSz_} + offset_ < 0xFFFFFFFF, "( memSz() + offset() ) < 0xFFFFFFFF",
+               "BestFitAllocator: memSz " << memSz_ << " + offset " << offset_
+                                          << " leaves no caller index below 0xFFFFFFFF");
+  ZEL_CHECK_AS(maxBlkSz_ != 0, "maxBlkSz()",
+               "BestFitAllocator: maxBlkSz 0, no block could be allocated");
+  ZEL_CHECK_AS(maxBlkSz_ < memSz_, "maxBlkSz() < memSz()",
+               "BestFitAllocator: maxBlkSz " << maxBlkSz_ << " not below memSz " << memSz_);
   doAddFreeBlk(memSz(), 0);
   numFreeEntries_ = memSz();
-  trace({kLifecycle}, "Initialized allocator: memSz ", memSz(), " offset ", offset(),
-        " maxBlkSz ", maxBlkSz());
+  if (auto t = Zel::TraceHelper(trace(), traceLifecycle)) {
+    t << "Initialized allocator: memSz " << memSz() << " offset " << offset() << " maxBlkSz "
+      << maxBlkSz();
+  }
 }
 
 BestFitAllocator::~BestFitAllocator() = default;
@@ -149,7 +122,9 @@ Zel::Ptr<BFA::Blk> BestFitAllocator::inUseBlock(U32 index) const {
 // and the one starting just above it are adjacent to where the new block goes. Their map nodes are
 // reused for the merged block, so a merge costs the two lookups and no further search.
 void BestFitAllocator::doAddFreeBlk(U32 blkSz, U32 startIndex) {
-  trace({kFreeLists}, "Adding free blk: sz ", blkSz, ", index ", startIndex);
+  if (auto t = Zel::TraceHelper(trace(), traceFreeLists)) {
+    t << "Adding free blk: sz " << blkSz << ", index " << startIndex;
+  }
   auto above = freeBlkStartIndexToSz_.lower_bound(startIndex);
   auto endAbove = freeBlkEndIndexToSz_.lower_bound(startIndex == 0 ? 0 : startIndex - 1);
   auto mergedStart = freeBlkStartIndexToSz_.end();
@@ -158,11 +133,9 @@ void BestFitAllocator::doAddFreeBlk(U32 blkSz, U32 startIndex) {
       endAbove->first == startIndex - 1) {
     U32 const leftSz = endAbove->second;
     U32 const leftStart = startIndex - leftSz;
-    traceRemoving(leftSz, leftStart);
     sizeEntryDel(leftSz, leftStart);
-    if (above == freeBlkStartIndexToSz_.begin() || std::prev(above)->first != leftStart) {
-      failed("freeBlkStartIndexToSz( startIndex ) > 0", blkText("not free", leftSz, leftStart));
-    }
+    ZEL_CHECK_AS(above != freeBlkStartIndexToSz_.begin() && std::prev(above)->first == leftStart,
+                 "freeBlkStartIndexToSz( startIndex ) > 0", blkText("not free", leftSz, leftStart));
     mergedStart = std::prev(above);
     endAbove = freeBlkEndIndexToSz_.erase(endAbove);
     startIndex = leftStart;
@@ -171,12 +144,11 @@ void BestFitAllocator::doAddFreeBlk(U32 blkSz, U32 startIndex) {
   if (above != freeBlkStartIndexToSz_.end() && above->first == startIndex + blkSz) {
     U32 const rightStart = above->first;
     U32 const rightSz = above->second;
-    traceRemoving(rightSz, rightStart);
     sizeEntryDel(rightSz, rightStart);
-    if (endAbove == freeBlkEndIndexToSz_.end() || endAbove->first != rightStart + rightSz - 1) {
-      failed("freeBlkEndIndexToSz( startIndex + blkSz - 1 ) > 0",
-             blkText("not free", rightSz, rightStart));
-    }
+    ZEL_CHECK_AS(
+        endAbove != freeBlkEndIndexToSz_.end() && endAbove->first == rightStart + rightSz - 1,
+        "freeBlkEndIndexToSz( startIndex + blkSz - 1 ) > 0",
+        blkText("not free", rightSz, rightStart));
     mergedEnd = endAbove;
     above = freeBlkStartIndexToSz_.erase(above);
     blkSz += rightSz;
@@ -187,72 +159,67 @@ void BestFitAllocator::doAddFreeBlk(U32 blkSz, U32 startIndex) {
   } else {
     std::size_t const before = freeBlkStartIndexToSz_.size();
     freeBlkStartIndexToSz_.emplace_hint(above, startIndex, blkSz);
-    if (freeBlkStartIndexToSz_.size() == before) {
-      failed("freeBlkStartIndexToSz( startIndex ) == 0",
-             blkText("a free blk starts there already", blkSz, startIndex));
-    }
+    ZEL_CHECK_AS(freeBlkStartIndexToSz_.size() > before, "freeBlkStartIndexToSz( startIndex ) == 0",
+                 blkText("a free blk starts there already", blkSz, startIndex));
   }
   if (mergedEnd != freeBlkEndIndexToSz_.end()) {
     mergedEnd->second = blkSz;
   } else {
     std::size_t const before = freeBlkEndIndexToSz_.size();
     freeBlkEndIndexToSz_.emplace_hint(endAbove, startIndex + blkSz - 1, blkSz);
-    if (freeBlkEndIndexToSz_.size() == before) {
-      failed("freeBlkEndIndexToSz( startIndex + blkSz - 1 ) == 0",
-             blkText("a free blk ends there already", blkSz, startIndex));
-    }
+    ZEL_CHECK_AS(freeBlkEndIndexToSz_.size() > before,
+                 "freeBlkEndIndexToSz( startIndex + blkSz - 1 ) == 0",
+                 blkText("a free blk ends there already", blkSz, startIndex));
   }
 }
 
 void BestFitAllocator::doRemoveFreeBlk(U32 blkSz, U32 startIndex) {
-  traceRemoving(blkSz, startIndex);
   sizeEntryDel(blkSz, startIndex);
-  if (freeBlkStartIndexToSz_.erase(startIndex) == 0) {
-    failed("freeBlkStartIndexToSz( startIndex ) > 0", blkText("not free", blkSz, startIndex));
-  }
-  if (freeBlkEndIndexToSz_.erase(startIndex + blkSz - 1) == 0) {
-    failed("freeBlkEndIndexToSz( startIndex + blkSz - 1 ) > 0",
-           blkText("not free", blkSz, startIndex));
-  }
-}
-
-void BestFitAllocator::traceRemoving(U32 blkSz, U32 startIndex) const {
-  trace({kFreeLists}, "Removing free blk: sz ", blkSz, ", index ", startIndex);
+  bool const startRecorded = freeBlkStartIndexToSz_.erase(startIndex) != 0;
+  ZEL_CHECK_AS(startRecorded, "freeBlkStartIndexToSz( startIndex ) > 0",
+               blkText("not free", blkSz, startIndex));
+  bool const endRecorded = freeBlkEndIndexToSz_.erase(startIndex + blkSz - 1) != 0;
+  ZEL_CHECK_AS(endRecorded, "freeBlkEndIndexToSz( startIndex + blkSz - 1 ) > 0",
+               blkText("not free", blkSz, startIndex));
 }
 
 void BestFitAllocator::sizeEntryIs(U32 blkSz, U32 startIndex) {
   if (blkSz > maxBlkSz()) {
-    if (!jumboFreeBlk_.emplace(blkSz, startIndex).second) {
-      failed("!jumboFreeBlk( BFA::JumboFreeBlk( blkSz, startIndex ) )",
-             blkText("already free", blkSz, startIndex));
-    }
+    bool const added = jumboFreeBlk_.emplace(blkSz, startIndex).second;
+    ZEL_CHECK_AS(added, "!jumboFreeBlk( BFA::JumboFreeBlk( blkSz, startIndex ) )",
+                 blkText("already free", blkSz, startIndex));
     return;
   }
   Zel::Ptr<BFA::FreeBlkSet>& sizeClass = freeBlkSet_[blkSz];
   if (!sizeClass) {
-    trace({kListings}, "Creating freeBlkSet for blkSz = ", blkSz);
+    if (auto t = Zel::TraceHelper(trace(), traceListings)) {
+      t << "Creating freeBlkSet for blkSz = " << blkSz;
+    }
     sizeClass = BFA::freeBlkSetFactory(blkSz);
   }
-  if (!sizeClass->freeBlkIs(startIndex)) {
-    failed("!freeBlkSet( blkSz )->freeBlk( startIndex )",
-           blkText("already free", blkSz, startIndex));
-  }
+  bool const added = sizeClass->freeBlkIs(startIndex);
+  ZEL_CHECK_AS(added, "!freeBlkSet( blkSz )->freeBlk( startIndex )",
+               blkText("already free", blkSz, startIndex));
 }
 
 void BestFitAllocator::sizeEntryDel(U32 blkSz, U32 startIndex) {
+  if (auto t = Zel::TraceHelper(trace(), traceFreeLists)) {
+    t << "Removing free blk: sz " << blkSz << ", index " << startIndex;
+  }
   if (blkSz > maxBlkSz()) {
-    if (jumboFreeBlk_.erase(BFA::JumboFreeBlk(blkSz, startIndex)) == 0) {
-      failed("jumboFreeBlk( BFA::JumboFreeBlk( blkSz, startIndex ) )",
-             blkText("not free", blkSz, startIndex));
-    }
+    bool const removed = jumboFreeBlk_.erase(BFA::JumboFreeBlk(blkSz, startIndex)) != 0;
+    ZEL_CHECK_AS(removed, "jumboFreeBlk( BFA::JumboFreeBlk( blkSz, startIndex ) )",
+                 blkText("not free", blkSz, startIndex));
     return;
   }
   auto const sizeClass = freeBlkSet_.find(blkSz);
-  if (sizeClass == freeBlkSet_.end() || !sizeClass->second->freeBlkDel(startIndex)) {
-    failed("freeBlkSet( blkSz )->freeBlk( startIndex )", blkText("not free", blkSz, startIndex));
-  }
+  bool const removed = sizeClass != freeBlkSet_.end() && sizeClass->second->freeBlkDel(startIndex);
+  ZEL_CHECK_AS(removed, "freeBlkSet( blkSz )->freeBlk( startIndex )",
+               blkText("not free", blkSz, startIndex));
   if (sizeClass->second->freeBlks() == 0) {
-    trace({kListings}, "Deleting freeBlkSet for blkSz = ", blkSz);
+    if (auto t = Zel::TraceHelper(trace(), traceListings)) {
+      t << "Deleting freeBlkSet for blkSz = " << blkSz;
+    }
     freeBlkSet_.erase(sizeClass);
   }
 }
@@ -262,17 +229,14 @@ void BestFitAllocator::sizeEntryDel(U32 blkSz, U32 startIndex) {
 // below it is the one handed out and free blocks never touch, so its map nodes are those of the
 // whole block, with the start moved up and the size reduced.
 void BestFitAllocator::takeLowEnd(U32 size, U32 startIndex, U32 blkSz) {
-  traceRemoving(size, startIndex);
   sizeEntryDel(size, startIndex);
   auto const first = freeBlkStartIndexToSz_.find(startIndex);
-  if (first == freeBlkStartIndexToSz_.end()) {
-    failed("freeBlkStartIndexToSz( startIndex ) > 0", blkText("not free", size, startIndex));
-  }
+  ZEL_CHECK_AS(first != freeBlkStartIndexToSz_.end(), "freeBlkStartIndexToSz( startIndex ) > 0",
+               blkText("not free", size, startIndex));
   auto const last = freeBlkEndIndexToSz_.find(startIndex + size - 1);
-  if (last == freeBlkEndIndexToSz_.end()) {
-    failed("freeBlkEndIndexToSz( startIndex + blkSz - 1 ) > 0",
-           blkText("not free", size, startIndex));
-  }
+  ZEL_CHECK_AS(last != freeBlkEndIndexToSz_.end(),
+               "freeBlkEndIndexToSz( startIndex + blkSz - 1 ) > 0",
+               blkText("not free", size, startIndex));
   if (size == blkSz) {
     freeBlkStartIndexToSz_.erase(first);
     freeBlkEndIndexToSz_.erase(last);
@@ -280,7 +244,9 @@ void BestFitAllocator::takeLowEnd(U32 size, U32 startIndex, U32 blkSz) {
   }
   U32 const restSz = size - blkSz;
   U32 const restStart = startIndex + blkSz;
-  trace({kFreeLists}, "Adding free blk: sz ", restSz, ", index ", restStart);
+  if (auto t = Zel::TraceHelper(trace(), traceFreeLists)) {
+    t << "Adding free blk: sz " << restSz << ", index " << restStart;
+  }
   sizeEntryIs(restSz, restStart);
   auto const next = std::next(first);
   auto node = freeBlkStartIndexToSz_.extract(first);
@@ -292,13 +258,17 @@ void BestFitAllocator::takeLowEnd(U32 size, U32 startIndex, U32 blkSz) {
 
 void BestFitAllocator::numFreeEntriesInc(U32 n) {
   U32 const now = numFreeEntries_ + n;
-  trace({kCounters}, "numFreeEntries increased by ", n, ", now = ", now);
+  if (auto t = Zel::TraceHelper(trace(), traceCounters)) {
+    t << "numFreeEntries increased by " << n << ", now = " << now;
+  }
   attributeIs(numFreeEntries_, now, &NotifieeConst::onNumFreeEntries);
 }
 
 void BestFitAllocator::numFreeEntriesDec(U32 n) {
   U32 const now = numFreeEntries_ - n;
-  trace({kCounters}, "numFreeEntries decreased by ", n, ", now = ", now);
+  if (auto t = Zel::TraceHelper(trace(), traceCounters)) {
+    t << "numFreeEntries decreased by " << n << ", now = " << now;
+  }
   attributeIs(numFreeEntries_, now, &NotifieeConst::onNumFreeEntries);
 }
 
@@ -309,10 +279,10 @@ void BestFitAllocator::handOut(BFA::Blk& blk) {
 }
 
 Zel::Ptr<BFA::Blk> BestFitAllocator::alloc(U32 blkSz) {
-  trace({kBlocks}, "Alloc: blkSz ", blkSz);
-  ZEL_CHECK(blkSz, "BestFitAllocator::alloc: blkSz 0");
-  ZEL_CHECK(blkSz <= maxBlkSz(),
-            "BestFitAllocator::alloc: blkSz " << blkSz << " > maxBlkSz " << maxBlkSz());
+  if (auto t = Zel::TraceHelper(trace(), traceBlocks)) t << "Alloc: blkSz " << blkSz;
+  ZEL_CHECK_AS(blkSz != 0, "blkSz", "BestFitAllocator::alloc: blkSz 0");
+  ZEL_CHECK_AS(blkSz <= maxBlkSz_, "blkSz <= maxBlkSz()",
+               "BestFitAllocator::alloc: blkSz " << blkSz << " > maxBlkSz " << maxBlkSz_);
   U32 size;
   U32 start;
   if (auto const sizeClass = freeBlkSet_.lower_bound(blkSz); sizeClass != freeBlkSet_.end()) {
@@ -322,31 +292,35 @@ Zel::Ptr<BFA::Blk> BestFitAllocator::alloc(U32 blkSz) {
     size = jumboFreeBlk_.begin()->blkSz();
     start = jumboFreeBlk_.begin()->startIndex();
   } else {
-    trace({kNothingFree}, "Alloc: blkSz ", blkSz, ", no free blk available");
+    if (auto t = Zel::TraceHelper(trace(), traceNothingFree)) {
+      t << "Alloc: blkSz " << blkSz << ", no free blk available";
+    }
     return nullptr;
   }
   Zel::Ptr<BFA::Blk> blk = BFA::blkFactory(blkSz, start + offset());
   takeLowEnd(size, start, blkSz);
   handOut(*blk);
-  trace({kBlocks}, ", startIndex ", start);
+  if (auto t = Zel::TraceHelper(trace(), traceBlocks)) t << ", startIndex " << start;
   return blk;
 }
 
 Zel::Ptr<BFA::Blk> BestFitAllocator::realloc(U32 index, U32 blkSz) {
   U32 const startIndex = index - offset();
-  trace({kBlocks}, "Realloc: startIndex ", startIndex, ", blkSz ", blkSz, ", memSz ", memSz());
-  ZEL_CHECK(blkSz, "BestFitAllocator::realloc: blkSz 0");
-  ZEL_CHECK(blkSz <= maxBlkSz(),
-            "BestFitAllocator::realloc: blkSz " << blkSz << " > maxBlkSz " << maxBlkSz());
-  if (index < offset() || U64{startIndex} + blkSz > memSz()) {
-    failed("startIndex + blkSz <= memSz()",
-           "BestFitAllocator::realloc: index " + std::to_string(index) + ", blkSz " +
-               std::to_string(blkSz) + " outside the entries " + std::to_string(offset()) +
-               " .. " + std::to_string(U64{offset()} + memSz() - 1));
+  if (auto t = Zel::TraceHelper(trace(), traceBlocks)) {
+    t << "Realloc: startIndex " << startIndex << ", blkSz " << blkSz << ", memSz " << memSz();
   }
+  ZEL_CHECK_AS(blkSz != 0, "blkSz", "BestFitAllocator::realloc: blkSz 0");
+  ZEL_CHECK_AS(blkSz <= maxBlkSz_, "blkSz <= maxBlkSz()",
+               "BestFitAllocator::realloc: blkSz " << blkSz << " > maxBlkSz " << maxBlkSz_);
+  ZEL_CHECK_AS(
+      index >= offset_ && U64{startIndex} + blkSz <= memSz_, "startIndex + blkSz <= memSz()",
+      "BestFitAllocator::realloc: index " << index << ", blkSz " << blkSz << " outside the entries "
+                                          << offset_ << " .. " << U64{offset_} + memSz_ - 1);
   auto const covering = freeBlkEndIndexToSz_.lower_bound(startIndex);
   if (covering == freeBlkEndIndexToSz_.end()) {
-    trace({kNothingFree}, "No free blocks after startIndex");
+    if (auto t = Zel::TraceHelper(trace(), traceNothingFree)) {
+      t << "No free blocks after startIndex";
+    }
     return nullptr;
   }
   U32 const freeEnd = covering->first;
@@ -354,33 +328,41 @@ Zel::Ptr<BFA::Blk> BestFitAllocator::realloc(U32 index, U32 blkSz) {
   U32 const freeStart = freeEnd - freeSz + 1;
   U32 const lastIndex = startIndex + blkSz - 1;
   if (freeStart > startIndex || freeEnd < lastIndex) {
-    trace({kNothingFree}, "Not all the required entries are free.");
+    if (auto t = Zel::TraceHelper(trace(), traceNothingFree)) {
+      t << "Not all the required entries are free.";
+    }
     return nullptr;
   }
   Zel::Ptr<BFA::Blk> blk = BFA::blkFactory(blkSz, index);
   doRemoveFreeBlk(freeSz, freeStart);
   if (freeStart < startIndex) {
-    trace({kFreeLists}, "Adding a free block up till startIndex.");
+    if (auto t = Zel::TraceHelper(trace(), traceFreeLists)) {
+      t << "Adding a free block up till startIndex.";
+    }
     doAddFreeBlk(startIndex - freeStart, freeStart);
   }
   if (freeEnd > lastIndex) {
-    trace({kFreeLists}, "Adding a free block after new realloced block ends.");
+    if (auto t = Zel::TraceHelper(trace(), traceFreeLists)) {
+      t << "Adding a free block after new realloced block ends.";
+    }
     doAddFreeBlk(freeEnd - lastIndex, lastIndex + 1);
   }
-  trace({kBlocks}, "Realloc: blkSz ", blkSz, ", startIndex ", startIndex);
+  if (auto t = Zel::TraceHelper(trace(), traceBlocks)) {
+    t << "Realloc: blkSz " << blkSz << ", startIndex " << startIndex;
+  }
   handOut(*blk);
   return blk;
 }
 
 void BestFitAllocator::handleFree(BFA::Blk const& blk) noexcept {
   U32 const startIndex = blk.index() - offset();
-  trace({kBlocks}, "Free: startIndex ", startIndex, ", blkSz ", blk.size());
-  auto const entry = inUseBlock_.extract(blk.index());
-  if (entry.empty() || entry.mapped() != &blk) {
-    failed("inUseBlock( blk.index() ) == blk",
-           "BestFitAllocator: freeing blk sz " + std::to_string(blk.size()) + ", index " +
-               std::to_string(blk.index()) + " that is not in use");
+  if (auto t = Zel::TraceHelper(trace(), traceBlocks)) {
+    t << "Free: startIndex " << startIndex << ", blkSz " << blk.size();
   }
+  auto const entry = inUseBlock_.extract(blk.index());
+  ZEL_CHECK_AS(!entry.empty() && entry.mapped() == &blk, "inUseBlock( blk.index() ) == blk",
+               "BestFitAllocator: freeing blk sz " << blk.size() << ", index " << blk.index()
+                                                   << " that is not in use");
   doAddFreeBlk(blk.size(), startIndex);
   numFreeEntriesInc(blk.size());
 }
@@ -388,10 +370,10 @@ void BestFitAllocator::handleFree(BFA::Blk const& blk) noexcept {
 Zel::Ptr<BFA::PendingCmds> BestFitAllocator::defragment() {
   Zel::Ptr<BFA::PendingCmds> cmds = BFA::pendingCmdsFactory();
   if (freeBlkStartIndexToSz_.empty()) {
-    trace({kLifecycle}, "No free blocks. Returning.");
+    if (auto t = Zel::TraceHelper(trace(), traceLifecycle)) t << "No free blocks. Returning.";
     return cmds;
   }
-  traceBlocks("Free blocks before defragmenting", "Used blocks before defragmenting");
+  listBlocks("Free blocks before defragmenting", "Used blocks before defragmenting");
   for (;;) {
     auto const [freeStart, freeSz] = *freeBlkStartIndexToSz_.begin();
     auto const used = inUseBlock_.find(freeStart + freeSz + offset());
@@ -404,14 +386,13 @@ Zel::Ptr<BFA::PendingCmds> BestFitAllocator::defragment() {
     inUseBlock_.insert(std::move(entry));
     cmds->pendingCmdLogEnq(BFA::PendingCmd(oldIndex, Zel::Ptr<BFA::Blk>(&blk)));
   }
-  traceBlocks("Free blocks after defragmenting", "Used blocks after defragmenting");
-  if (freeBlkStartIndexToSz_.size() != 1 || freeBlkEndIndexToSz_.size() != 1 ||
-      freeBlkEndIndexToSz_.begin()->first != memSz() - 1) {
-    failed("( freeBlkStartIndexToSzs() == 1 ) && ( freeBlkEndIndexToSzs() == 1 ) && "
-           "( freeBlkEndIndexToSzIterator().key() == memSz() - 1 )",
-           "BestFitAllocator::defragment: " + std::to_string(freeBlkStartIndexToSz_.size()) +
-               " free blocks left, not one at the top");
-  }
+  listBlocks("Free blocks after defragmenting", "Used blocks after defragmenting");
+  ZEL_CHECK_AS(freeBlkStartIndexToSz_.size() == 1 && freeBlkEndIndexToSz_.size() == 1 &&
+                   freeBlkEndIndexToSz_.begin()->first == memSz_ - 1,
+               "( freeBlkStartIndexToSzs() == 1 ) && ( freeBlkEndIndexToSzs() == 1 ) && "
+               "( freeBlkEndIndexToSzIterator().key() == memSz() - 1 )",
+               "BestFitAllocator::defragment: " << freeBlkStartIndexToSz_.size()
+                                                << " free blocks left, not one at the top");
   return cmds;
 }
 
@@ -426,18 +407,15 @@ void BestFitAllocator::slideDown(BFA::Blk& blk) {
   U32 const freeSz = lowest->second;
   U32 const oldEnd = freeStart + freeSz + blk.size() - 1;
   U32 const newStart = freeStart + blk.size();
-  traceRemoving(freeSz, freeStart);
   sizeEntryDel(freeSz, freeStart);
   freeBlkStartIndexToSz_.erase(lowest);
-  if (freeBlkEndIndexToSz_.begin()->first != freeStart + freeSz - 1) {
-    failed("freeBlkEndIndexToSz( startIndex + blkSz - 1 ) > 0",
-           blkText("not free", freeSz, freeStart));
-  }
+  ZEL_CHECK_AS(freeBlkEndIndexToSz_.begin()->first == freeStart + freeSz - 1,
+               "freeBlkEndIndexToSz( startIndex + blkSz - 1 ) > 0",
+               blkText("not free", freeSz, freeStart));
   freeBlkEndIndexToSz_.erase(freeBlkEndIndexToSz_.begin());
   U32 mergedSz = freeSz;
   auto const above = freeBlkStartIndexToSz_.begin();
   if (above != freeBlkStartIndexToSz_.end() && above->first == oldEnd + 1) {
-    traceRemoving(above->second, above->first);
     sizeEntryDel(above->second, above->first);
     mergedSz += above->second;
     auto node = freeBlkStartIndexToSz_.extract(above);
@@ -449,22 +427,24 @@ void BestFitAllocator::slideDown(BFA::Blk& blk) {
     freeBlkStartIndexToSz_.emplace_hint(freeBlkStartIndexToSz_.begin(), newStart, mergedSz);
     freeBlkEndIndexToSz_.emplace_hint(freeBlkEndIndexToSz_.begin(), oldEnd, mergedSz);
   }
-  trace({kFreeLists}, "Adding free blk: sz ", mergedSz, ", index ", newStart);
+  if (auto t = Zel::TraceHelper(trace(), traceFreeLists)) {
+    t << "Adding free blk: sz " << mergedSz << ", index " << newStart;
+  }
   sizeEntryIs(mergedSz, newStart);
   blk.index_ = freeStart + offset();
 }
 
 Zel::Ptr<BFA::PendingCmds> BestFitAllocator::resizeMemory(U32 newMemSz) {
   U32 const oldMemSz = memSz();
-  trace({kLifecycle}, "Resize memory: old size = ", oldMemSz, ", new size = ", newMemSz);
+  if (auto t = Zel::TraceHelper(trace(), traceLifecycle)) {
+    t << "Resize memory: old size = " << oldMemSz << ", new size = " << newMemSz;
+  }
   if (newMemSz == oldMemSz) return nullptr;
   if (newMemSz > oldMemSz) {
-    if (U64{newMemSz} + offset() >= 0xFFFFFFFF) {
-      failed("( newMemSz + offset() ) < 0xFFFFFFFF",
-             "BestFitAllocator::resizeMemory: newMemSz " + std::to_string(newMemSz) +
-                 " + offset " + std::to_string(offset()) +
-                 " leaves no caller index below 0xFFFFFFFF");
-    }
+    ZEL_CHECK_AS(U64{newMemSz} + offset_ < 0xFFFFFFFF, "( newMemSz + offset() ) < 0xFFFFFFFF",
+                 "BestFitAllocator::resizeMemory: newMemSz "
+                     << newMemSz << " + offset " << offset_
+                     << " leaves no caller index below 0xFFFFFFFF");
     doAddFreeBlk(newMemSz - oldMemSz, oldMemSz);
     memSzIs(newMemSz, newMemSz - oldMemSz);
     return nullptr;
@@ -495,19 +475,24 @@ void BestFitAllocator::memSzIs(U32 memSz, U32 change) {
   notify(&NotifieeConst::onMemSz);
 }
 
-void BestFitAllocator::traceBlocks(char const* freeHeading, char const* usedHeading) const {
-  if (!traceHandle().enabled(kListings)) return;
-  auto line = [](U32 startIndex, U32 size) {
-    trace({kListings}, "start index = ", startIndex, ", Size = ", size);
-  };
-  trace({kListings}, freeHeading);
-  for (auto const& [startIndex, size] : freeBlkStartIndexToSz_) line(startIndex, size);
-  trace({kListings}, usedHeading);
+void BestFitAllocator::listBlocks(char const* freeHeading, char const* usedHeading) const {
+  if (!trace().enabled(traceListings)) return;
+  if (auto t = Zel::TraceHelper(trace(), traceListings)) t << freeHeading;
+  for (auto const& [startIndex, size] : freeBlkStartIndexToSz_) {
+    if (auto t = Zel::TraceHelper(trace(), traceListings)) {
+      t << "start index = " << startIndex << ", Size = " << size;
+    }
+  }
+  if (auto t = Zel::TraceHelper(trace(), traceListings)) t << usedHeading;
   std::vector<std::pair<U32, U32>> used;
   used.reserve(inUseBlock_.size());
   for (auto const& [index, blk] : inUseBlock_) used.emplace_back(index - offset(), blk->size());
   std::sort(used.begin(), used.end());
-  for (auto const& [startIndex, size] : used) line(startIndex, size);
+  for (auto const& [startIndex, size] : used) {
+    if (auto t = Zel::TraceHelper(trace(), traceListings)) {
+      t << "start index = " << startIndex << ", Size = " << size;
+    }
+  }
 }
 
 }  // namespace Kiv

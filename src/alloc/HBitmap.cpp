@@ -16,12 +16,11 @@ namespace Kiv {
 
 namespace {
 
-// The file's trace handle. The runtime's accessor is a call into the library; keeping the
-// reference here makes a disabled trace statement on the hot paths a load and a branch.
-Zel::TraceHandle const& trace() {
-  static Zel::TraceHandle const& handle = Zel::traceHandle<"HBitmap">();
-  return handle;
-}
+constexpr auto trace = Zel::traceHandle<"HBitmap">;
+constexpr int traceUnknownOp = 1;  // a logical op that is neither And nor Or
+constexpr int traceBuilt = 7;      // each bitmap built
+constexpr int traceWholeOp = 8;    // entry to construction, range updates and logical ops
+constexpr int traceStep = 9;       // entry to point updates and searches; range bounds
 
 constexpr U64 allOnes = ~U64{0};
 
@@ -148,7 +147,7 @@ private:
   U32 descend(U32 level, U32 pos) const {
     while (level-- > 0) {
       U64 const val = word(level, pos);
-      ZEL_ASSERT(val);
+      ZEL_ASSERT_AS(val != 0, "val");
       pos = pos * 64 + pick<pref>(val);
     }
     return pos;
@@ -171,7 +170,7 @@ HBitmap::HBitmap(U64 id, U32 size, BitState initialBitState)
 }
 
 void HBitmap::handleInitialized() {
-  if (auto t = Zel::TraceHelper(trace(), 8)) t << "HBitmap::handleInitialized";
+  if (auto t = Zel::TraceHelper(trace(), traceWholeOp)) t << "HBitmap::handleInitialized";
   Levels const levels = levelsFor(size_);
   height_ = levels.height;
   numBitsAtHeight_ = levels.bits;
@@ -194,7 +193,7 @@ void HBitmap::handleInitialized() {
     }
   }
   numBitsInSetState_ = initialBitState_ == BitState::bitSet ? size_ : 0;
-  if (auto t = Zel::TraceHelper(trace(), 7)) {
+  if (auto t = Zel::TraceHelper(trace(), traceBuilt)) {
     t << "Initialized HBitmap " << id_ << " sz " << size_ << " height " << height_;
   }
 }
@@ -220,7 +219,7 @@ U64 HBitmap::clearBm(U32 index) const {
 }
 
 bool HBitmap::isBitSet(U32 bit) const {
-  if (auto t = Zel::TraceHelper(trace(), 9)) t << "HBitmap::isBitSet";
+  if (auto t = Zel::TraceHelper(trace(), traceStep)) t << "HBitmap::isBitSet";
   return bit < size_ && (words_[bit / 64].set >> (bit % 64) & 1) != 0;
 }
 
@@ -228,7 +227,7 @@ bool HBitmap::isBitSet(U32 bit) const {
 
 // Inline, so that the three entry points run it without a call through the library's symbol table.
 inline void HBitmap::update(U32 bit, BitState state) {
-  ZEL_CHECK(bit < size(), "bit " << bit << " sz " << size_);
+  ZEL_CHECK_AS(bit < size_, "bit < size()", "bit " << bit << " sz " << size_);
   WordPair& leaf = words_[bit / 64];
   U64 const mask = U64{1} << (bit % 64);
   bool const wasSet = (leaf.set & mask) != 0;
@@ -258,43 +257,43 @@ inline void HBitmap::update(U32 bit, BitState state) {
 }
 
 void HBitmap::setBit(U32 bit) {
-  if (auto t = Zel::TraceHelper(trace(), 9)) t << "HBitmap::setBit";
+  if (auto t = Zel::TraceHelper(trace(), traceStep)) t << "HBitmap::setBit";
   update(bit, BitState::bitSet);
 }
 
 void HBitmap::clearBit(U32 bit) {
-  if (auto t = Zel::TraceHelper(trace(), 9)) t << "HBitmap::clearBit";
+  if (auto t = Zel::TraceHelper(trace(), traceStep)) t << "HBitmap::clearBit";
   update(bit, BitState::bitClear);
 }
 
 void HBitmap::updateBit(U32 bit, BitState state) {
-  if (auto t = Zel::TraceHelper(trace(), 9)) t << "HBitmap::updateBit";
+  if (auto t = Zel::TraceHelper(trace(), traceStep)) t << "HBitmap::updateBit";
   update(bit, state);
 }
 
 // ---- Range updates ------------------------------------------------------------------------------
 
 void HBitmap::setBitsInRange(U32 start, U32 end) {
-  if (auto t = Zel::TraceHelper(trace(), 8)) t << "HBitmap::setBitsInRange";
+  if (auto t = Zel::TraceHelper(trace(), traceWholeOp)) t << "HBitmap::setBitsInRange";
   updateRange(start, end, BitState::bitSet);
 }
 
 void HBitmap::clearBitsInRange(U32 start, U32 end) {
-  if (auto t = Zel::TraceHelper(trace(), 8)) t << "HBitmap::clearBitsInRange";
+  if (auto t = Zel::TraceHelper(trace(), traceWholeOp)) t << "HBitmap::clearBitsInRange";
   updateRange(start, end, BitState::bitClear);
 }
 
 void HBitmap::updateBitsInRange(U32 start, U32 end, BitState state) {
-  if (auto t = Zel::TraceHelper(trace(), 8)) t << "HBitmap::updateBitsInRange";
+  if (auto t = Zel::TraceHelper(trace(), traceWholeOp)) t << "HBitmap::updateBitsInRange";
   updateRange(start, end, state);
 }
 
 void HBitmap::updateRange(U32 start, U32 end, BitState state) {
-  ZEL_CHECK(start <= end, "start" << start << " end " << end);
-  ZEL_CHECK(end < size(), "end" << end << " sz " << size_);
+  ZEL_CHECK_AS(start <= end, "start <= end", "start" << start << " end " << end);
+  ZEL_CHECK_AS(end < size_, "end < size()", "end" << end << " sz " << size_);
   U32 const startWord = start / 64;
   U32 const endWord = end / 64;
-  if (auto t = Zel::TraceHelper(trace(), 9)) {
+  if (auto t = Zel::TraceHelper(trace(), traceStep)) {
     t << "startWord = " << startWord << ", endWord = " << endWord;
   }
   U32 count = numBitsInSetState_;
@@ -346,40 +345,40 @@ void HBitmap::rebuildSummaries(U32 firstLeaf, U32 lastLeaf) {
 // ---- Searches -----------------------------------------------------------------------------------
 
 U32 HBitmap::findBitInSetState(IndexPreference pref) const {
-  if (auto t = Zel::TraceHelper(trace(), 9)) t << "HBitmap::findBitInSetState";
+  if (auto t = Zel::TraceHelper(trace(), traceStep)) t << "HBitmap::findBitInSetState";
   return WantedTree<BitState::bitSet>(*this).first(pref);
 }
 
 U32 HBitmap::findBitInClearState(IndexPreference pref) const {
-  if (auto t = Zel::TraceHelper(trace(), 9)) t << "HBitmap::findBitInClearState";
+  if (auto t = Zel::TraceHelper(trace(), traceStep)) t << "HBitmap::findBitInClearState";
   return WantedTree<BitState::bitClear>(*this).first(pref);
 }
 
 U32 HBitmap::findBitInState(IndexPreference pref, BitState state) const {
-  if (auto t = Zel::TraceHelper(trace(), 9)) t << "HBitmap::findBitInState";
+  if (auto t = Zel::TraceHelper(trace(), traceStep)) t << "HBitmap::findBitInState";
   return state == BitState::bitSet ? WantedTree<BitState::bitSet>(*this).first(pref)
                                    : WantedTree<BitState::bitClear>(*this).first(pref);
 }
 
 U32 HBitmap::findSetBitInRange(U32 start, U32 end, IndexPreference pref) const {
-  if (auto t = Zel::TraceHelper(trace(), 9)) t << "HBitmap::findSetBitInRange";
+  if (auto t = Zel::TraceHelper(trace(), traceStep)) t << "HBitmap::findSetBitInRange";
   return searchRange(start, end, BitState::bitSet, pref);
 }
 
 U32 HBitmap::findClearBitInRange(U32 start, U32 end, IndexPreference pref) const {
-  if (auto t = Zel::TraceHelper(trace(), 9)) t << "HBitmap::findClearBitInRange";
+  if (auto t = Zel::TraceHelper(trace(), traceStep)) t << "HBitmap::findClearBitInRange";
   return searchRange(start, end, BitState::bitClear, pref);
 }
 
 U32 HBitmap::findBitInRange(U32 start, U32 end, BitState state, IndexPreference pref) const {
-  if (auto t = Zel::TraceHelper(trace(), 9)) t << "HBitmap::findBitInRange";
+  if (auto t = Zel::TraceHelper(trace(), traceStep)) t << "HBitmap::findBitInRange";
   return searchRange(start, end, state, pref);
 }
 
 U32 HBitmap::searchRange(U32 start, U32 end, BitState state, IndexPreference pref) const {
-  ZEL_ASSERT(start <= end);
-  ZEL_ASSERT(end <= size());
-  if (auto t = Zel::TraceHelper(trace(), 9)) {
+  ZEL_ASSERT_AS(start <= end, "start <= end");
+  ZEL_ASSERT_AS(end <= size_, "end <= size()");
+  if (auto t = Zel::TraceHelper(trace(), traceStep)) {
     t << "start = " << start << ", end = " << end << ", state = " << state;
   }
   if (start >= size_) return notFound;
@@ -392,28 +391,28 @@ U32 HBitmap::searchRange(U32 start, U32 end, BitState state, IndexPreference pre
 // ---- Logical operations -------------------------------------------------------------------------
 
 void HBitmap::doAnd(Zel::Ptr<HBitmap const> const& other) {
-  if (auto t = Zel::TraceHelper(trace(), 8)) t << "HBitmap::doAnd";
+  if (auto t = Zel::TraceHelper(trace(), traceWholeOp)) t << "HBitmap::doAnd";
   ZEL_ASSERT(other);
   logicalOp(*other, LogicalOp::logicalAnd);
 }
 
 void HBitmap::doOr(Zel::Ptr<HBitmap const> const& other) {
-  if (auto t = Zel::TraceHelper(trace(), 8)) t << "HBitmap::doOr";
+  if (auto t = Zel::TraceHelper(trace(), traceWholeOp)) t << "HBitmap::doOr";
   ZEL_ASSERT(other);
   logicalOp(*other, LogicalOp::logicalOr);
 }
 
 void HBitmap::doLogicalOp(Zel::Ptr<HBitmap const> const& other, LogicalOp op) {
-  if (auto t = Zel::TraceHelper(trace(), 8)) t << "HBitmap::doLogicalOp";
+  if (auto t = Zel::TraceHelper(trace(), traceWholeOp)) t << "HBitmap::doLogicalOp";
   ZEL_ASSERT(other);
   logicalOp(*other, op);
 }
 
 void HBitmap::logicalOp(HBitmap const& other, LogicalOp op) {
-  HBitmap const* const hbmp = &other;
-  ZEL_CHECK(size() <= hbmp->size(), "sz " << size_ << " hsz " << other.size_);
+  ZEL_CHECK_AS(size_ <= other.size_, "size() <= hbmp->size()",
+               "sz " << size_ << " hsz " << other.size_);
   if (op != LogicalOp::logicalAnd && op != LogicalOp::logicalOr) {
-    if (auto t = Zel::TraceHelper(trace(), 1)) t << "Unknown logical op: " << op;
+    if (auto t = Zel::TraceHelper(trace(), traceUnknownOp)) t << "Unknown logical op: " << op;
     return;
   }
   U32 const leafWords = wordsFor(size_);
@@ -448,7 +447,7 @@ U32 roundup64(U32 v) {
   U32 const i = v & ~U32{63};
   if (i == v) return v;
   // Rounding up would wrap past the largest U32.
-  if (i >= 0xFFFFFFC0u) Zel::assertionFailed("i", __FILE__, __LINE__, __func__);
+  ZEL_ASSERT_AS(i < 0xFFFFFFC0u, "i");
   return i + 64;
 }
 

@@ -73,7 +73,7 @@ bool isIdText(std::string_view text) {
 }
 
 Id readId(std::string_view text) {
-  ZEL_CHECK(isIdText(text), "'" << text << "' is not an identifier");
+  ZEL_CHECK_AS(isIdText(text), "isIdText(text)", "'" << text << "' is not an identifier");
   U16 value = 0;
   for (char c : text) value = static_cast<U16>(value * 10 + (c - '0'));
   return Id(value);
@@ -95,10 +95,10 @@ void addPiece(IdSet& set, std::string_view piece) {
     return;
   }
   std::vector<std::string_view> const range = split(piece, '-');
-  ZEL_ASSERT(range.size() == 2);
+  ZEL_ASSERT_AS(range.size() == 2, "range.size() == 2");
   U16 const start = readId(range[0]).value();
   U16 const stop = readId(range[1]).value();
-  ZEL_CHECK(start < stop, "Invalid range");
+  ZEL_CHECK_AS(start < stop, "start < stop", "Invalid range");
   set.idSetRange(start, static_cast<U16>(stop + 1));
 }
 
@@ -107,12 +107,12 @@ void addPiece(IdSet& set, std::string_view piece) {
 // ---- Iterator ---------------------------------------------------------------------------------
 
 Id IdSet::IdIteratorConst::key() const {
-  ZEL_ASSERT(curId_ != Id::null());
+  ZEL_ASSERT_AS(curId_ != Id::null(), "curId_ != Id::null()");
   return curId_;
 }
 
 IdSet::IdIteratorConst& IdSet::IdIteratorConst::operator++() {
-  ZEL_ASSERT(curId_ != Id::null());
+  ZEL_ASSERT_AS(curId_ != Id::null(), "curId_ != Id::null()");
   curId_ = set_->nextId(curId_);
   return *this;
 }
@@ -124,22 +124,26 @@ IdSet::IdSet(U16 size, Id initialId) : size_(size), initialId_(initialId) {
 }
 
 bool IdSet::id(Id bitPos) const {
-  ZEL_CHECK(bitPos.value() < size(), "id " << bitPos << " exceeds limit of " << size());
+  ZEL_CHECK_AS(bitPos.value() < size_, "bitPos.value() < size()",
+               "id " << bitPos << " exceeds limit of " << size_);
   return (bucket(bucketOf(bitPos)) & maskOf(bitPos)) != 0;
 }
 
 void IdSet::idIs(Id bitPos, bool member) { updateId(bitPos, member); }
 
 void IdSet::updateId(Id bitPos, bool member) {
-  ZEL_CHECK(bitPos.value() < size(), "id " << bitPos << " exceeds limit of " << size());
+  ZEL_CHECK_AS(bitPos.value() < size_, "bitPos.value() < size()",
+               "id " << bitPos << " exceeds limit of " << size_);
   U8 const k = bucketOf(bitPos);
   U64 const word = bucket(k);
   updateBucket(k, member ? word | maskOf(bitPos) : word & ~maskOf(bitPos));
 }
 
 void IdSet::idSetRange(Id begin, Id end) {
-  ZEL_CHECK(begin.value() < end.value(), "range should be of at least length 1");
-  ZEL_CHECK(end.value() <= size(), "end can't be greater than bitmap limit");
+  ZEL_CHECK_AS(begin.value() < end.value(), "begin.value() < end.value()",
+               "range should be of at least length 1");
+  ZEL_CHECK_AS(end.value() <= size_, "end.value() <= size()",
+               "end can't be greater than bitmap limit");
   Id const last(static_cast<U16>(end.value() - 1));
   U8 const first = bucketOf(begin);
   U8 const final = bucketOf(last);
@@ -194,7 +198,7 @@ void IdSet::updateBucket(U8 k, U64 value) {
 
 template <class Op>
 void IdSet::combine(IdSet const& other, Op op, Buckets& out) const {
-  ZEL_ASSERT(size() == other.size());
+  ZEL_ASSERT_AS(size_ == other.size_, "size() == other.size()");
   auto a = buckets_.begin();
   auto b = other.buckets_.begin();
   auto const aEnd = lowerBucket(maxBuckets());
@@ -264,7 +268,7 @@ IdSet IdSet::operator~() const {
 }
 
 bool IdSet::operator==(IdSet const& other) const {
-  ZEL_ASSERT(size() == other.size());
+  ZEL_ASSERT_AS(size_ == other.size_, "size() == other.size()");
   return this == &other || buckets_ == other.buckets_;
 }
 
@@ -281,8 +285,9 @@ std::size_t IdSet::hash() const noexcept {
 // A hit at or beyond size() counts as none: the only bits stored there are the complement's, and
 // buckets are visited in increasing order, so no member can follow.
 Id IdSet::nextId(Id bitPos) const {
-  ZEL_CHECK(bitPos.value() < size() || bitPos.value() == Id::null(),
-            "current bit can't be greater than bitmap limit");
+  ZEL_CHECK_AS(bitPos.value() < size_ || bitPos == Id::null(),
+               "bitPos.value() < size() || bitPos.value() == Id::null()",
+               "current bit can't be greater than bitmap limit");
   auto next = buckets_.begin();
   if (bitPos != Id::null()) {
     U8 const k = bucketOf(bitPos);
@@ -325,12 +330,9 @@ std::ostream& operator<<(std::ostream& out, IdSet const& set) {
 }
 
 char const* sequenceToValue(char const* begin, char const* end, IdSet* set) {
-  char const* const p = begin;
-  char const* const strepEnd = std::find(p, end, ')');
-  if (p == end || *p != '(' || strepEnd == end) {
-    Zel::assertionFailed("*p == '(' && strepEnd != end", __FILE__, __LINE__, __func__);
-  }
-  std::string_view const inner(p + 1, std::size_t(strepEnd - p - 1));
+  char const* const strepEnd = std::find(begin, end, ')');
+  ZEL_ASSERT_AS(strepEnd != end && *begin == '(', "*p == '(' && strepEnd != end");
+  std::string_view const inner(begin + 1, std::size_t(strepEnd - begin - 1));
   if (!inner.empty()) {
     for (std::string_view piece : split(inner, ',')) addPiece(*set, piece);
   }
@@ -340,10 +342,9 @@ char const* sequenceToValue(char const* begin, char const* end, IdSet* set) {
 Zel::NboAttrLog::Out& operator<<(Zel::NboAttrLog::Out& out, IdSet const& set) {
   out << set.size() << set.initialId().value();
   for (auto const& [k, word] : set.bucketIteratorConst()) {
-    if (k == 0) {
-      std::fputs("Default key not supported in collection inside nominal\n", stderr);
-      Zel::assertionFailed("false", __FILE__, __LINE__, __func__);
-    }
+    // Index 0 is the terminator, so the form cannot hold bucket 0.
+    if (k == 0) std::fputs("Default key not supported in collection inside nominal\n", stderr);
+    ZEL_ASSERT_AS(k != 0, "false");
     out << k << word;
   }
   return out << U8{0};

@@ -17,16 +17,11 @@ namespace {
 [[maybe_unused]] Zel::TypeRegistration<NumAllocatorConfig, NumAllocatorStatus, NumAllocator> const
     registration;
 
-// The file's trace handle; holding the reference keeps a disabled statement to a load and a branch.
-Zel::TraceHandle const& trace() {
-  static Zel::TraceHandle const& handle = Zel::traceHandle<"NumAllocator">();
-  return handle;
-}
-
-constexpr int traceChange = 3;
-constexpr int traceRefusal = 5;
-constexpr int traceHoldDown = 7;
-constexpr int traceAllocation = 9;
+constexpr auto trace = Zel::traceHandle<"NumAllocator">;
+constexpr int traceChange = 3;      // configuration changes
+constexpr int traceRefusal = 5;     // requests that get no number
+constexpr int traceHoldDown = 7;    // the hold-down timer and numbers leaving hold-down
+constexpr int traceAllocation = 9;  // each request and the number it gets
 
 constexpr U32 maxNumber = std::numeric_limits<U32>::max();
 
@@ -91,7 +86,7 @@ NumAllocator::NumAllocator(Zel::Ptr<NumAllocatorConfig const> const& config,
 
 void NumAllocator::handleInitialized() {
   freePool_->addRange(config_->range());
-  if (!clock_.notifier()) Zel::assertionFailed("clock_", __FILE__, __LINE__, __func__);
+  ZEL_ASSERT_AS(clock_.notifier(), "clock_");
   clock_.timeMinIs(Zel::endOfTime);
   updateStatus();
 }
@@ -109,7 +104,8 @@ S64 NumAllocator::getExactNumber(U32 number) {
 }
 
 S64 NumAllocator::allocateNumber(S64 desiredNumber) {
-  ZEL_ASSERT(config()->allocationMode() == NumAllocatorConfig::AllocationMode::allocate_);
+  ZEL_ASSERT_AS(config_->allocationMode() == NumAllocatorConfig::AllocationMode::allocate_,
+                "config()->allocationMode() == NumAllocatorConfig::AllocationMode::allocate_");
   bool const desired = desiredNumber != invalidNumber;
   if (desired && !(desiredNumber >= 0 && desiredNumber <= maxNumber &&
                    freePool_->isMember(static_cast<U32>(desiredNumber)))) {
@@ -129,8 +125,8 @@ S64 NumAllocator::allocateNumber(S64 desiredNumber) {
     t << (desired ? "Allocating desired number " : "Allocating some number ") << num
       << " from free pool";
   }
-  ZEL_ASSERT(!activePool()->isMember( num ));
-  ZEL_ASSERT(freePool()->isMember( num ));
+  ZEL_ASSERT_AS(!activePool_->isMember(num), "!activePool()->isMember( num )");
+  ZEL_ASSERT_AS(freePool_->isMember(num), "freePool()->isMember( num )");
   freePool_->delNumber(num);
   activePool_->addNumber(num);
   updateStatus();
@@ -138,9 +134,9 @@ S64 NumAllocator::allocateNumber(S64 desiredNumber) {
 }
 
 void NumAllocator::reserveNumber(U32 number) {
-  ZEL_ASSERT(!isReserved( number ));
-  ZEL_ASSERT(holdDownPool()->isEmpty());
-  ZEL_ASSERT(config()->range().inRange( number ));
+  ZEL_ASSERT_AS(!isReserved(number), "!isReserved( number )");
+  ZEL_ASSERT_AS(holdDownPool_->isEmpty(), "holdDownPool()->isEmpty()");
+  ZEL_ASSERT_AS(config_->range().inRange(number), "config()->range().inRange( number )");
   activePool_->addNumber(number);
   freePool_->delNumber(number);
   updateStatus();
@@ -151,7 +147,7 @@ void NumAllocator::releaseNumber(U32 number) {
 }
 
 void NumAllocator::releaseNumberWithExpiry(U32 number, Seconds expiryDelay) {
-  ZEL_ASSERT(activePool()->isMember( number ));
+  ZEL_ASSERT_AS(activePool_->isMember(number), "activePool()->isMember( number )");
   ZEL_ASSERT(!std::isnan(expiryDelay));
   activePool_->delNumber(number);
   if (config_->allocationMode() == NumAllocatorConfig::AllocationMode::reserveOnly_) {
@@ -165,7 +161,7 @@ void NumAllocator::releaseNumberWithExpiry(U32 number, Seconds expiryDelay) {
     return;
   }
   Seconds const expiry = roundedExpiry(expiryDelay);
-  ZEL_ASSERT(!holdDownPool()->isMember( number ));
+  ZEL_ASSERT_AS(!holdDownPool_->isMember(number), "!holdDownPool()->isMember( number )");
   // The number is in no member, as just asserted: adding it as a one-number range skips the
   // search of every member that addNumber makes to move a number between instants.
   holdDownPool_->addRange(TimedRange(expiry, Range(number, number)));
@@ -185,21 +181,22 @@ void NumAllocator::updateTimer() {
     clock_.timeMinIs(Zel::endOfTime);
     return;
   }
-  Seconds const t = holdDownPool_->getEarliest().timestamp();
-  if (clock_.timeMin() == t) {
-    if (auto line = Zel::TraceHelper(trace(), traceHoldDown)) {
-      line << "Timer already armed at " << timeText(t);
+  Seconds const earliest = holdDownPool_->getEarliest().timestamp();
+  if (clock_.timeMin() == earliest) {
+    if (auto t = Zel::TraceHelper(trace(), traceHoldDown)) {
+      t << "Timer already armed at " << timeText(earliest);
     }
     return;
   }
-  if (auto line = Zel::TraceHelper(trace(), traceHoldDown)) {
-    line << "Arming timer to fire at " << timeText(t);
+  if (auto t = Zel::TraceHelper(trace(), traceHoldDown)) {
+    t << "Arming timer to fire at " << timeText(earliest);
   }
-  clock_.timeMinIs(t);
+  clock_.timeMinIs(earliest);
 }
 
 void NumAllocator::moveExpiredIdToFreePool() {
-  ZEL_ASSERT(config()->allocationMode() == NumAllocatorConfig::AllocationMode::allocate_);
+  ZEL_ASSERT_AS(config_->allocationMode() == NumAllocatorConfig::AllocationMode::allocate_,
+                "config()->allocationMode() == NumAllocatorConfig::AllocationMode::allocate_");
   Seconds const now = Zel::System::currentTime();
   if (auto t = Zel::TraceHelper(trace(), traceHoldDown)) {
     t << "moveExpiredIdToFreePool" << ": " << timeText(now);
@@ -250,13 +247,14 @@ void NumAllocator::handleRange() {
     if (held == 0) {
       freePool_->addRange(range);
     } else {
-      ZEL_ASSERT(oldMin >= min);
+      ZEL_ASSERT_AS(oldMin >= min, "oldMin >= min");
       if (min < oldMin) freePool_->addRange(Range(min, oldMin - 1));
       if (oldMax < range.max()) freePool_->addRange(Range(oldMax + 1, range.max()));
     }
   }
-  ZEL_ASSERT(freePool()->size() + holdDownPool()->size() + activePool()->size() ==
-             config()->range().size());
+  ZEL_ASSERT_AS(freePool_->size() + holdDownPool_->size() + activePool_->size() == range.size(),
+                "freePool()->size() + holdDownPool()->size() + activePool()->size() == "
+                "config()->range().size()");
   updateTimer();
   updateStatus();
 }
@@ -268,7 +266,7 @@ void NumAllocator::handleAllocationMode() {
       << Zel::enumName(mode);
   }
   if (mode == NumAllocatorConfig::AllocationMode::allocate_) {
-    ZEL_ASSERT(holdDownPool()->isEmpty());
+    ZEL_ASSERT_AS(holdDownPool_->isEmpty(), "holdDownPool()->isEmpty()");
     return;
   }
   while (!holdDownPool_->isEmpty()) {

@@ -95,7 +95,8 @@ void NumberPool::addRange(Range R) {
   // Every range left that meets R from R.min up to R.max lies wholly inside it.
   for (it = ranges.lower_bound(R.min()); it != ranges.end() && it->first <= R.max();) {
     Range const& I = it->second;
-    ZEL_ASSERT(R.inRange( I.min() ) && R.inRange( I.max() ));
+    ZEL_ASSERT_AS(R.inRange(I.min()) && R.inRange(I.max()),
+                  "R.inRange( I.min() ) && R.inRange( I.max() )");
     it = eraseRange(it);
   }
   // The first range above R, if it holds R.max + 1, overlaps or touches R from above.
@@ -115,11 +116,11 @@ void NumberPool::delRange(Range R) {
     Range const I = it->second;
     it = eraseRange(it);
     if (!R.inRange(I.min())) {
-      ZEL_ASSERT(R.min() > I.min());
+      ZEL_ASSERT_AS(R.min() > I.min(), "R.min() > I.min()");
       poolIs(it, Range(I.min(), R.min() - 1));
     }
     if (!R.inRange(I.max())) {
-      ZEL_ASSERT(R.max() < I.max());
+      ZEL_ASSERT_AS(R.max() < I.max(), "R.max() < I.max()");
       poolIs(it, Range(R.max() + 1, I.max()));
       break;
     }
@@ -133,12 +134,12 @@ bool NumberPool::isMember(U32 n) const {
 }
 
 Range NumberPool::getMinRange() const {
-  if (pool_.ranges.empty()) Zel::assertionFailed("poolIter", __FILE__, __LINE__, __func__);
+  ZEL_ASSERT_AS(!pool_.ranges.empty(), "poolIter");
   return pool_.ranges.begin()->second;
 }
 
 U32 NumberPool::getMax() const {
-  if (pool_.ranges.empty()) Zel::assertionFailed("poolIter", __FILE__, __LINE__, __func__);
+  ZEL_ASSERT_AS(!pool_.ranges.empty(), "poolIter");
   return pool_.ranges.rbegin()->first;
 }
 
@@ -230,10 +231,10 @@ U32 TimedNumberPool::getMax() const {
 }
 
 NumberPoolWithTimestamp const& TimedNumberPool::earliest() const {
-  for (auto const& entry : timedPool_) {
-    if (!entry.second->isEmpty()) return *entry.second;
-  }
-  Zel::assertionFailed("timedPoolIter", __FILE__, __LINE__, __func__);
+  auto const member = std::find_if(timedPool_.begin(), timedPool_.end(),
+                                   [](auto const& entry) { return !entry.second->isEmpty(); });
+  ZEL_ASSERT_AS(member != timedPool_.end(), "timedPoolIter");
+  return *member->second;
 }
 
 TimedU32 TimedNumberPool::getEarliest() const {

@@ -23,7 +23,7 @@ constexpr std::array<Form, 3> forms{{
 }  // namespace
 
 bool TristateBool::value() const noexcept {
-  ZEL_ASSERT(isSet());
+  ZEL_ASSERT_AS(isSet(), "isSet()");
   return state_ == valueTrue;
 }
 
@@ -33,9 +33,9 @@ void TristateBool::stateIs(U8 state) {
 }
 
 Zel::String TristateBool::toStrep() const {
-  if (state_ < forms.size()) return Zel::String(forms[state_].text);
   // stateIs() keeps the byte in range, so anything else is memory gone bad.
-  ZEL_ASSERT(false);
+  ZEL_ASSERT_AS(state_ < forms.size(), "false");
+  return Zel::String(forms[state_].text);
 }
 
 void printStrep(std::string& out, TristateBool const& value) { out += value.toStrep().view(); }

@@ -15,7 +15,14 @@ namespace Kiv {
 namespace {
 
 using Notifiee = TimerWheel::NotifieeConst;
-using std::isnan;
+
+// Traces name a timer by its address.
+constexpr auto trace = Zel::traceHandle<"HTimerWheel">;
+constexpr int traceCapacity = 3;  // deadlines beyond the wheel's capacity
+constexpr int traceLevels = 5;    // levels added
+constexpr int traceFiling = 7;    // each timer filed
+constexpr int traceClock = 8;     // timers attached, the clock armed, expiry rounds, going idle
+constexpr int traceStep = 9;      // each step of arming, unfiling, catching up and expiry
 
 constexpr U32 InvalidWheelIndex = TimerWheel::InvalidWheelIndex;
 constexpr U32 InvalidBucketIndex = TimerWheel::InvalidBucketIndex;
@@ -24,14 +31,6 @@ constexpr U32 InvalidBucketIndex = TimerWheel::InvalidBucketIndex;
 constexpr U8 opFiled = 1;
 constexpr U8 opUnfiled = 2;
 constexpr U8 opExpired = 3;
-
-// A timer's place and neighbours, under the names the wheel's assertions use.
-U32 wheelIndex(Notifiee const* n) { return n->wheelIndex(); }
-U32 bucketIndex(Notifiee const* n) { return n->bucketIndex(); }
-Notifiee const* next(Notifiee const* n) { return n->next(); }
-Notifiee const* prev(Notifiee const* n) { return n->prev(); }
-
-void const* id(Notifiee const* n) { return n; }
 
 // Milliseconds in `seconds` (not negative), rounded to the nearest whole one with a remainder of
 // exactly one half dropped, saturating at the largest U64.
@@ -61,7 +60,7 @@ U64 msecsToTicks(U64 ms, U32 tick, bool roundUp) {
 // forwardTicks() and wheelAt() for the wheel's own steps: file-local, so that they inline.
 U32 ticksUntil(TimerWheel const* tw, Notifiee const* n) {
   Seconds const now = tw->currentWheelIndexTime();
-  ZEL_ASSERT(now != Zel::endOfTime);
+  ZEL_ASSERT_AS(now != Zel::endOfTime, "now != Zel::endOfTime");
   Seconds const when = n->timeMin();
   if (now >= when || when == 0) return 0;
   U64 const ticks = msecsToTicks(roundedMsecs(when - now), tw->tickMsecs(), true);
@@ -122,8 +121,7 @@ Zel::Ptr<TimerWheel> timerWheelFactory(Zel::Ptr<Zel::Clock const> const& systemC
 
 TimerWheel::TimerWheel(Zel::Ptr<Zel::Clock const> const& systemClock, U32 tickMsecs,
                        U32 initialMaxTicks, bool preserveOrder, U32 defaultBucketSize)
-    : trace_(&Zel::traceHandle<"HTimerWheel">()),
-      systemClock_(systemClock),
+    : systemClock_(systemClock),
       tickMsecs_(tickMsecs),
       initialMaxTicks_(initialMaxTicks),
       preserveOrder_(preserveOrder),
@@ -145,14 +143,14 @@ TimerWheel::TimerWheel(Zel::Ptr<Zel::Clock const> const& systemClock, U32 tickMs
 TimerWheel::~TimerWheel() = default;
 
 void TimerWheel::handleInitialized() {
-  ZEL_ASSERT(!initialized());
+  ZEL_ASSERT_AS(!initialized_, "!initialized()");
   maxTicks_ = 1;
   initialized_ = true;
   do {
     doAddNewBucket(defaultBucketSize_);
   } while (maxTicks_ < initialMaxTicks_);
   if (bucketCount() == 1) doAddNewBucket(defaultBucketSize_);
-  if (auto t = Zel::TraceHelper(*trace_, 5)) {
+  if (auto t = Zel::TraceHelper(trace(), traceLevels)) {
     t << "TimerWheel::handleInitialized: Total buckets created " << bucketCount() << " of "
       << defaultBucketSize_ << " each.";
   }
@@ -160,18 +158,18 @@ void TimerWheel::handleInitialized() {
 }
 
 void TimerWheel::doAddNewBucket(U32 size) {
-  if (auto t = Zel::TraceHelper(*trace_, 5)) {
+  if (auto t = Zel::TraceHelper(trace(), traceLevels)) {
     t << "TimerWheel::doAddNewBucket" << " ## Add a new bucket to index " << bucketCount()
       << " of size " << size;
   }
-  ZEL_ASSERT(timers() == 0);
+  ZEL_ASSERT_AS(timers() == 0, "timers() == 0");
   BucketSize const checked(size);
   U8 const shift =
       std::has_single_bit(size) ? static_cast<U8>(std::countr_zero(size)) : notPowerOfTwo;
   levels_.push_back(Level{std::make_unique<HeadNTail[]>(checked), checked, 0, 0, shift});
   U64 const product = U64(maxTicks_) * checked;
   maxTicks_ = product > 0xFFFFFFFF ? 0xFFFFFFFF : static_cast<U32>(product);
-  if (auto t = Zel::TraceHelper(*trace_, 5)) {
+  if (auto t = Zel::TraceHelper(trace(), traceLevels)) {
     t << "Total number of buckets now is " << bucketCount();
   }
 }
@@ -204,13 +202,14 @@ void TimerWheel::processTimeLimitIs(Seconds limit) {
 Seconds TimerWheel::time() const noexcept { return Zel::System::currentTime(); }
 
 [[gnu::always_inline]] inline void TimerWheel::timeUpdateIs(NotifieeConst* n) {
-  ZEL_ASSERT(bucketCount() >= 2);
-  if (auto t = Zel::TraceHelper(*trace_, 9)) {
-    t << "timeUpdateIs: Updating notifiee timeMin of " << id(n) << " to " << n->timeMin();
+  ZEL_ASSERT_AS(bucketCount() >= 2, "bucketCount() >= 2");
+  if (auto t = Zel::TraceHelper(trace(), traceStep)) {
+    t << "timeUpdateIs: Updating notifiee timeMin of " << n << " to " << n->timeMin();
   }
-  ZEL_ASSERT(!isnan( n->timeMin() ));
-  if (wheelIndex(n) != InvalidWheelIndex) {
-    ZEL_ASSERT(Kiv::bucketIndex( n ) != InvalidBucketIndex);
+  ZEL_ASSERT_AS(!std::isnan(n->timeMin()), "!isnan( n->timeMin() )");
+  if (n->wheelIndex_ != InvalidWheelIndex) {
+    ZEL_ASSERT_AS(n->bucketIndex_ != InvalidBucketIndex,
+                  "Kiv::bucketIndex( n ) != InvalidBucketIndex");
     deleteTimer(this, n);
   }
   if (n->timeMin() == 0.0) {
@@ -224,19 +223,21 @@ Seconds TimerWheel::time() const noexcept { return Zel::System::currentTime(); }
   Seconds const when = n->timeMin();
   if (when == Zel::endOfTime) return;
   if (when != 0.0 && when != Zel::beginningOfTime) {
-    if (auto t = Zel::TraceHelper(*trace_, 8)) {
-      t << "newNotfiee: Adding notifiee " << id(n) << " with timeMin " << when;
+    if (auto t = Zel::TraceHelper(trace(), traceClock)) {
+      t << "newNotfiee: Adding notifiee " << n << " with timeMin " << when;
     }
-    ZEL_ASSERT(!isnan( when ));
+    ZEL_ASSERT_AS(!std::isnan(when), "!isnan( when )");
     newTimer(this, n);
     return;
   }
-  if (auto t = Zel::TraceHelper(*trace_, 8)) t << "Setting notifiee " << id(n) << " to endOfTime";
+  if (auto t = Zel::TraceHelper(trace(), traceClock)) {
+    t << "Setting notifiee " << n << " to endOfTime";
+  }
   n->timeMin_ = Zel::endOfTime;
 }
 
 void TimerWheel::deleteNotifiee(NotifieeConst* n) {
-  if (wheelIndex(n) != InvalidWheelIndex) deleteTimer(this, n);
+  if (n->wheelIndex_ != InvalidWheelIndex) deleteTimer(this, n);
 }
 
 void TimerWheel::scheduleClock(U32 index) {
@@ -247,15 +248,15 @@ void TimerWheel::scheduleClock(U32 index) {
 
 void TimerWheel::doUpdateSystemClock(Seconds time, U32 index) {
   if (!systemClock_) return;
-  if (auto t = Zel::TraceHelper(*trace_, 8)) {
+  if (auto t = Zel::TraceHelper(trace(), traceClock)) {
     t << " doUpdateSystemClock to time " << time << ", index " << index << " time now is "
       << this->time();
   }
-  ZEL_ASSERT(!systemClockHandlerActive());
+  ZEL_ASSERT_AS(!systemClockHandlerActive_, "!systemClockHandlerActive()");
   if (systemClockTakesOffsetTime_ && time != Zel::endOfTime) time += this->time();
   zelSystemClock_.timeMinIs(time);
   scheduledWheelIndex_ = index;
-  if (auto t = Zel::TraceHelper(*trace_, 8)) {
+  if (auto t = Zel::TraceHelper(trace(), traceClock)) {
     t << "Returning from doUpdateSystemClock at " << this->time();
   }
 }
@@ -266,11 +267,11 @@ void TimerWheel::handleSystemClock() {
   Seconds const start = Zel::System::currentTime();
   for (;;) {
     U32 schedIndex = scheduledWheelIndex_;
-    ZEL_ASSERT(schedIndex != InvalidWheelIndex);
-    if (auto t = Zel::TraceHelper(*trace_, 8)) {
+    ZEL_ASSERT_AS(schedIndex != InvalidWheelIndex, "schedIndex != InvalidWheelIndex");
+    if (auto t = Zel::TraceHelper(trace(), traceClock)) {
       t << "In handleSystemClock at " << time() << " schedIndex " << schedIndex;
     }
-    ZEL_ASSERT(!systemClockHandlerActive());
+    ZEL_ASSERT_AS(!systemClockHandlerActive_, "!systemClockHandlerActive()");
     systemClockHandlerActive_ = true;
     // The scheduled slot is the first used one, so the current index moves up to it.
     currentWheelIndexIs(0, schedIndex);
@@ -292,7 +293,9 @@ void TimerWheel::handleSystemClock() {
       break;
     }
   }
-  if (auto t = Zel::TraceHelper(*trace_, 8)) t << "Completed handleSystemClock at " << time();
+  if (auto t = Zel::TraceHelper(trace(), traceClock)) {
+    t << "Completed handleSystemClock at " << time();
+  }
 }
 
 void TimerWheel::expireSlot(U32 index) {
@@ -302,9 +305,9 @@ void TimerWheel::expireSlot(U32 index) {
       removeNotifiee(this, n);
       logEntry(this, n, opExpired);
       n->timeMinIs(Zel::endOfTime);
-      if (auto t = Zel::TraceHelper(*trace_, 9)) t << "call onTime of " << id(n);
+      if (auto t = Zel::TraceHelper(trace(), traceStep)) t << "call onTime of " << n;
       n->onTimeMin();
-      if (auto t = Zel::TraceHelper(*trace_, 9)) t << "call onTime completed";
+      if (auto t = Zel::TraceHelper(trace(), traceStep)) t << "call onTime completed";
     }
   } catch (...) {
     // An owner's exception leaves the rest of the slot to the next clock event.
@@ -341,7 +344,7 @@ U32 forwardTicks(TimerWheel const* tw, Notifiee const* n) { return ticksUntil(tw
         U64 const sum = U64(level.current) + ticks;
         index = static_cast<U32>(sum < level.size ? sum : sum - level.size);
       } else {
-        if (auto t = Zel::TraceHelper(*tw->trace_, 3)) {
+        if (auto t = Zel::TraceHelper(trace(), traceCapacity)) {
           t << "Reducing timeout to fit the maximum timer capacity";
         }
         index = level.current != 0 ? level.current - 1 : level.size - 1;
@@ -352,23 +355,24 @@ U32 forwardTicks(TimerWheel const* tw, Notifiee const* n) { return ticksUntil(tw
     ticks = level.shift != TimerWheel::notPowerOfTwo ? static_cast<U32>(carried >> level.shift)
             : carried <= 0xFFFFFFFF                  ? U32(carried) / level.size
                                                      : static_cast<U32>(carried / level.size);
-    if (auto t = Zel::TraceHelper(*tw->trace_, 9)) {
+    if (auto t = Zel::TraceHelper(trace(), traceStep)) {
       t << "bucket size " << level.size << " ticks " << ticks;
     }
   }
-  ZEL_ASSERT(bucketIndex < tw->bucketCount());
-  ZEL_ASSERT(index < tw->bucketSize( bucketIndex ));
-  ZEL_ASSERT(wheelIndex( n ) == InvalidWheelIndex);
-  ZEL_ASSERT(Kiv::bucketIndex( n ) == InvalidBucketIndex);
+  ZEL_ASSERT_AS(bucketIndex < tw->bucketCount(), "bucketIndex < tw->bucketCount()");
+  ZEL_ASSERT_AS(index < tw->bucketSize(bucketIndex), "index < tw->bucketSize( bucketIndex )");
+  ZEL_ASSERT_AS(n->wheelIndex_ == InvalidWheelIndex, "wheelIndex( n ) == InvalidWheelIndex");
+  ZEL_ASSERT_AS(n->bucketIndex_ == InvalidBucketIndex,
+                "Kiv::bucketIndex( n ) == InvalidBucketIndex");
 
   HeadNTail* const hnt = &tw->levels_[bucketIndex].slots[index];
   n->next_ = nullptr;
   n->prev_ = hnt->t;
   if (hnt->t) {
-    ZEL_ASSERT(!next( hnt->t ));
+    ZEL_ASSERT_AS(!hnt->t->next_, "!next( hnt->t )");
     hnt->t->next_ = n;
   } else {
-    ZEL_ASSERT(!hnt->h && !hnt->t);
+    ZEL_ASSERT_AS(!hnt->h && !hnt->t, "!hnt->h && !hnt->t");
     hnt->h = n;
   }
   hnt->t = n;
@@ -376,8 +380,8 @@ U32 forwardTicks(TimerWheel const* tw, Notifiee const* n) { return ticksUntil(tw
   n->bucketIndex_ = bucketIndex;
   tw->levelTimerInc(bucketIndex);
   ++tw->insertions_;
-  if (auto t = Zel::TraceHelper(*tw->trace_, 7)) {
-    t << "Inserting " << id(n) << " in bucket " << bucketIndex << " at index " << index
+  if (auto t = Zel::TraceHelper(trace(), traceFiling)) {
+    t << "Inserting " << n << " in bucket " << bucketIndex << " at index " << index
       << " headNtail " << static_cast<void const*>(hnt) << " " << tw->insertions_
       << " currentIndex " << tw->levels_[bucketIndex].current << " scheduled "
       << tw->scheduledWheelIndex();
@@ -387,42 +391,37 @@ U32 forwardTicks(TimerWheel const* tw, Notifiee const* n) { return ticksUntil(tw
 
 [[gnu::always_inline]] inline void removeNotifiee(TimerWheel* tw, Notifiee* n) {
   U32 const level = n->bucketIndex_;
-  if (auto t = Zel::TraceHelper(*tw->trace_, 9)) {
-    t << "removeNotifiee: Removing " << id(n) << " from bucket " << level;
+  if (auto t = Zel::TraceHelper(trace(), traceStep)) {
+    t << "removeNotifiee: Removing " << n << " from bucket " << level;
   }
-  HeadNTail* const slot = &tw->levels_[level].slots[n->wheelIndex_];
-  HeadNTail* const hnt = slot->h ? slot : nullptr;
-  ZEL_ASSERT(hnt);
+  HeadNTail* const hnt = &tw->levels_[level].slots[n->wheelIndex_];
+  ZEL_ASSERT_AS(hnt->h, "hnt");
   if (!n->prev_) {
-    if (auto t = Zel::TraceHelper(*tw->trace_, 9)) {
-      t << "Removing: " << id(n) << " is the head. prev " << id(n->prev_) << " next "
-        << id(n->next_);
+    if (auto t = Zel::TraceHelper(trace(), traceStep)) {
+      t << "Removing: " << n << " is the head. prev " << n->prev_ << " next " << n->next_;
     }
-    ZEL_ASSERT(hnt->h == n);
+    ZEL_ASSERT_AS(hnt->h == n, "hnt->h == n");
     hnt->h = n->next_;
   } else {
-    if (auto t = Zel::TraceHelper(*tw->trace_, 9)) {
-      t << "Removing: " << id(n) << " is not the head. prev " << id(n->prev_) << " next "
-        << id(n->next_);
+    if (auto t = Zel::TraceHelper(trace(), traceStep)) {
+      t << "Removing: " << n << " is not the head. prev " << n->prev_ << " next " << n->next_;
     }
-    ZEL_ASSERT(hnt->h != n);
-    ZEL_ASSERT(next( prev( n ) ) == n);
+    ZEL_ASSERT_AS(hnt->h != n, "hnt->h != n");
+    ZEL_ASSERT_AS(n->prev_->next_ == n, "next( prev( n ) ) == n");
     n->prev_->next_ = n->next_;
   }
   if (!n->next_) {
-    if (auto t = Zel::TraceHelper(*tw->trace_, 9)) {
-      t << "Removing: " << id(n) << " is the tail. prev " << id(n->prev_) << " next "
-        << id(n->next_);
+    if (auto t = Zel::TraceHelper(trace(), traceStep)) {
+      t << "Removing: " << n << " is the tail. prev " << n->prev_ << " next " << n->next_;
     }
-    ZEL_ASSERT(hnt->t == n);
+    ZEL_ASSERT_AS(hnt->t == n, "hnt->t == n");
     hnt->t = n->prev_;
   } else {
-    if (auto t = Zel::TraceHelper(*tw->trace_, 9)) {
-      t << "Removing: " << id(n) << " is not the tail. prev " << id(n->prev_) << " next "
-        << id(n->next_);
+    if (auto t = Zel::TraceHelper(trace(), traceStep)) {
+      t << "Removing: " << n << " is not the tail. prev " << n->prev_ << " next " << n->next_;
     }
-    ZEL_ASSERT(hnt->t != n);
-    ZEL_ASSERT(prev( next( n ) ) == n);
+    ZEL_ASSERT_AS(hnt->t != n, "hnt->t != n");
+    ZEL_ASSERT_AS(n->next_->prev_ == n, "prev( next( n ) ) == n");
     n->next_->prev_ = n->prev_;
   }
   n->next_ = nullptr;
@@ -434,7 +433,7 @@ U32 forwardTicks(TimerWheel const* tw, Notifiee const* n) { return ticksUntil(tw
 }
 
 [[gnu::always_inline]] inline void deleteTimer(TimerWheel* tw, Notifiee* n) {
-  ZEL_ASSERT(tw->timers());
+  ZEL_ASSERT_AS(tw->timers() != 0, "tw->timers()");
   U32 const level = n->bucketIndex();
   U32 const index = n->wheelIndex();
   removeNotifiee(tw, n);
@@ -443,7 +442,7 @@ U32 forwardTicks(TimerWheel const* tw, Notifiee const* n) { return ticksUntil(tw
 
 [[gnu::always_inline]] inline void newTimer(TimerWheel* tw, Notifiee* n) {
   if (tw->scheduledWheelIndex() != InvalidWheelIndex) maybePullUpWheelTime(tw);
-  ZEL_ASSERT(!tw->systemClockHandlerActive());
+  ZEL_ASSERT_AS(!tw->systemClockHandlerActive(), "!tw->systemClockHandlerActive()");
   if (tw->currentWheelIndexTime() == Zel::endOfTime) {
     tw->turnOrigin_ = tw->time();
     tw->turnTick_ = 0;
@@ -454,32 +453,35 @@ U32 forwardTicks(TimerWheel const* tw, Notifiee const* n) { return ticksUntil(tw
 }
 
 [[gnu::always_inline]] inline void maybePullUpWheelTime(TimerWheel* tw) {
-  ZEL_ASSERT(tw->currentWheelIndexTime() != Zel::endOfTime);
+  ZEL_ASSERT_AS(tw->currentWheelIndexTime() != Zel::endOfTime,
+                "tw->currentWheelIndexTime() != Zel::endOfTime");
   Seconds const dist = tw->time() - tw->currentWheelIndexTime();
   if (dist <= 0) return;
   U64 const elapsed = msecsToTicks(roundedMsecs(dist), tw->tickMsecs(), false);
   if (elapsed == 0) return;
-  ZEL_ASSERT(tw->scheduledWheelIndex() != InvalidWheelIndex);
+  ZEL_ASSERT_AS(tw->scheduledWheelIndex() != InvalidWheelIndex,
+                "tw->scheduledWheelIndex() != InvalidWheelIndex");
   U32 const current = tw->currentWheelIndex(0);
   U32 const scheduled = tw->scheduledWheelIndex();
   // The slots before the scheduled one are empty; the scheduled one has not been expired yet.
   U32 const schedDistTicks = scheduled > current ? scheduled - current : 0;
-  if (auto t = Zel::TraceHelper(*tw->trace_, 9)) {
+  if (auto t = Zel::TraceHelper(trace(), traceStep)) {
     t << "PullingUp current index " << current << " sched index " << scheduled << " now dist "
       << dist << " schedDistTicks " << schedDistTicks;
   }
   U32 const index = current + static_cast<U32>(std::min<U64>(elapsed, schedDistTicks));
   if (index == current) return;
   tw->currentWheelIndexIs(0, index);
-  if (auto t = Zel::TraceHelper(*tw->trace_, 9)) {
+  if (auto t = Zel::TraceHelper(trace(), traceStep)) {
     t << "Pulling current up to index " << index << " time " << tw->currentWheelIndexTime();
   }
 }
 
 [[gnu::visibility("hidden")]] void rearrangeTimers(TimerWheel* tw) {
   U32 const current = tw->currentWheelIndex(0);
-  ZEL_ASSERT(tw->scheduledWheelIndex() == tw->ghostTimerIndex());
-  ZEL_ASSERT(current == tw->ghostTimerIndex());
+  ZEL_ASSERT_AS(tw->scheduledWheelIndex() == tw->ghostTimerIndex(),
+                "tw->scheduledWheelIndex() == tw->ghostTimerIndex()");
+  ZEL_ASSERT_AS(current == tw->ghostTimerIndex(), "current == tw->ghostTimerIndex()");
   tw->turnTick_ += current;
   tw->currentWheelIndexIs(0, 0);
   U32 const last = tw->bucketCount() - 1;
@@ -497,16 +499,13 @@ U32 forwardTicks(TimerWheel const* tw, Notifiee const* n) { return ticksUntil(tw
     }
     // Filing reaches a level above 0 only with a carry of at least one slot, so slot 0 of a
     // level below the last is never used.
-    if (wheelAt(tw, level, 0) != nullptr) {
-      Zel::assertionFailed("wheelAt( tw, iter.key(), current ) == 0", __FILE__, __LINE__,
-                           __func__);
-    }
+    ZEL_ASSERT_AS(!wheelAt(tw, level, 0), "wheelAt( tw, iter.key(), current ) == 0");
   }
 }
 
 [[gnu::always_inline]] inline void maybeUpdateSystemClock(TimerWheel* tw, U32 level, U32 index,
                                                           bool added) {
-  if (auto t = Zel::TraceHelper(*tw->trace_, 9)) {
+  if (auto t = Zel::TraceHelper(trace(), traceStep)) {
     t << "maybeUpdateSystemClock" << " event in bucketIndex " << level << " wheelIndex " << index
       << " after add/remove? " << added;
   }
@@ -519,11 +518,12 @@ U32 forwardTicks(TimerWheel const* tw, Notifiee const* n) { return ticksUntil(tw
     return;
   }
   if (!tw->systemClock()) return;
-  ZEL_ASSERT(tw->currentWheelIndex( 0 ) != InvalidWheelIndex);
+  ZEL_ASSERT_AS(tw->currentWheelIndex(0) != InvalidWheelIndex,
+                "tw->currentWheelIndex( 0 ) != InvalidWheelIndex");
   U32 const scheduled = tw->scheduledWheelIndex();
   if (scheduled == InvalidWheelIndex) {
-    ZEL_ASSERT(tw->timers() == 1);
-    if (level != 0) ZEL_ASSERT(tw->timer( 0 ) == 0);
+    ZEL_ASSERT_AS(tw->timers() == 1, "tw->timers() == 1");
+    if (level != 0) ZEL_ASSERT_AS(tw->timer(0) == 0, "tw->timer( 0 ) == 0");
     tw->scheduleClock(level == 0 ? index : tw->ghostTimerIndex());
     return;
   }
@@ -531,7 +531,7 @@ U32 forwardTicks(TimerWheel const* tw, Notifiee const* n) { return ticksUntil(tw
 }
 
 U32 findNextUsedIndex(TimerWheel const* tw, U32 startIndex) {
-  ZEL_ASSERT(startIndex >= tw->currentWheelIndex( 0 ));
+  ZEL_ASSERT_AS(startIndex >= tw->currentWheelIndex(0), "startIndex >= tw->currentWheelIndex( 0 )");
   HeadNTail const* const slots = tw->wheelBase(0);
   U32 const end = tw->bucketSize(0);
   for (U32 i = startIndex; i < end; ++i) {
@@ -541,9 +541,9 @@ U32 findNextUsedIndex(TimerWheel const* tw, U32 startIndex) {
 }
 
 [[gnu::visibility("hidden")]] void shutdownWheel(TimerWheel* tw) {
-  if (auto t = Zel::TraceHelper(*tw->trace_, 8)) t << "Wheel being shut down";
-  ZEL_ASSERT(tw->timers() == 0);
-  ZEL_ASSERT(!tw->systemClockHandlerActive());
+  if (auto t = Zel::TraceHelper(trace(), traceClock)) t << "Wheel being shut down";
+  ZEL_ASSERT_AS(tw->timers() == 0, "tw->timers() == 0");
+  ZEL_ASSERT_AS(!tw->systemClockHandlerActive(), "!tw->systemClockHandlerActive()");
   for (TimerWheel::Level& level : tw->levels_) level.current = InvalidWheelIndex;
   tw->currentWheelIndexTime_ = Zel::endOfTime;
   tw->turnOrigin_ = Zel::endOfTime;
@@ -566,7 +566,7 @@ void printLogEntries(TimerWheel const* tw, std::ostream& out) {
   U64 const first = tw->logged_ > capacity ? tw->logged_ - capacity : 0;
   for (U64 i = first; i < tw->logged_; ++i) {
     TimerWheel::LogEntry const& entry = tw->log_[i % TimerWheel::logCapacity];
-    out << id(entry.notifiee) << " op is " << unsigned(entry.op) << '\n';
+    out << entry.notifiee << " op is " << unsigned(entry.op) << '\n';
   }
 }
 
