@@ -1,4 +1,6 @@
-#include <Kiv/XactLib.h>
+#include <Kiv/XactAggregatorSm.h>
+
+#include "XactKeys.h"
 
 #include <Zel/Assert.h>
 #include <Zel/Exception.h>
@@ -8,25 +10,21 @@
 
 #include <algorithm>
 #include <optional>
-#include <ostream>
-#include <type_traits>
 #include <vector>
 
 namespace Kiv {
-
 namespace {
 
-Zel::TraceHandle const& trace() {
-  static Zel::TraceHandle const& handle = Zel::traceHandle<"XactLib">();
-  return handle;
-}
+[[maybe_unused]] Zel::TypeRegistration<XactAggregatorSm> const registration;
+
+constexpr auto trace = Zel::traceHandle<"XactLib">;
 
 // Trace levels. At traceEvaluation every status change is evaluated over every directory, so
 // that each one is traced; below it changes that cannot decide a transaction are only counted.
 constexpr int traceFailure = 3;     // time-outs, dependency failures
 constexpr int traceState = 5;       // starts, stops, outcomes, directories
-constexpr int traceStep = 7;        // configs written, blocking reviews, executions
-constexpr int traceEvaluation = 8;  // each status weighed, each config seen, each slice
+constexpr int traceStep = 7;        // configs written, blocking reviews
+constexpr int traceEvaluation = 8;  // each status weighed
 constexpr int traceTick = 9;        // time-out scans, initialisation
 
 using Zel::endOfTime;
@@ -42,14 +40,7 @@ bool answersAttempt(XactStatus const& status, U32 configVersion) {
   return status.statusVersion() == configVersion && !!status;
 }
 
-// Handlers may change the collections that a walk visits, so walks run over copies.
-template <class Range>
-auto keysOf(Range const& entries) {
-  std::vector<std::remove_cvref_t<decltype(entries.begin()->first)>> keys;
-  for (auto const& entry : entries) keys.push_back(entry.first);
-  return keys;
-}
-
+// Handlers may add or remove config directories while configs are being written.
 std::vector<Zel::Ptr<XactConfigDir>> dirsOf(
     Zel::HashMap2018<Zel::Name, Zel::Ptr<XactConfigDir>> const& map) {
   std::vector<Zel::Ptr<XactConfigDir>> dirs;
@@ -60,39 +51,7 @@ std::vector<Zel::Ptr<XactConfigDir>> dirsOf(
 
 }  // namespace
 
-// ---- Records ----------------------------------------------------------------------------------
-
-XactResult XactResultInstance(U32 value) {
-  if (value > 2) throw Zel::RangeException("XactResult::value > 2 not allowed");
-  return static_cast<XactResult>(value);
-}
-
-XactResult XactResultInstance(Zel::String const& name) {
-  return Zel::strepToValue<XactResult>(name.view());
-}
-
-Zel::String stringValue(XactResult result) { return Zel::valueToStrep(result); }
-
-std::ostream& operator<<(std::ostream& out, XactResult result) {
-  return out << Zel::enumName(result);
-}
-
-Zel::Ptr<Xact> xactFactory(U32 id) { return Zel::allocate<Xact>(id); }
-
-void Xact::blockingXactIs(Zel::Ptr<Xact const> const& blocking) {
-  Zel::refuseNull(blocking, "Kiv::Xact", "blockingXact");
-  entryIs(blockingXact_, blocking->id(), blocking, &NotifieeConst::onBlockingXact);
-}
-
-Zel::Ptr<XactConfigDir> xactConfigDirFactory(Zel::Name const& name) {
-  return Zel::allocate<XactConfigDir>(name);
-}
-
-Zel::Ptr<XactStatusDir> xactStatusDirFactory(Zel::Name const& name) {
-  return Zel::allocate<XactStatusDir>(name);
-}
-
-Zel::Ptr<XactDir> xactDirFactory(Zel::Name const& name) { return Zel::allocate<XactDir>(name); }
+// ---- Blocking tests ---------------------------------------------------------------------------
 
 bool xactIsBlocked(Zel::Ptr<Xact> const& x) {
   for (auto const& [id, blocking] : x->blockingXactIteratorConst()) {
@@ -199,8 +158,7 @@ void XactAggregatorSm::ZelBlockingXact::handleBlockingXactStatus() {
 // ---- The aggregator ---------------------------------------------------------------------------
 
 XactAggregatorSm::XactComments::XactComments(char const*, char const*) {
-  Zel::assertionFailed("No String constructor for XactComments - has collection", __FILE__,
-                       __LINE__, __func__);
+  ZEL_ASSERT_AS(false, "No String constructor for XactComments - has collection");
 }
 
 Zel::Ptr<XactAggregatorSm> xactAggregatorSmFactory(Zel::String const& name,
@@ -210,8 +168,7 @@ Zel::Ptr<XactAggregatorSm> xactAggregatorSmFactory(Zel::String const& name,
   return aggregator;
 }
 
-XactAggregatorSm::XactAggregatorSm(Zel::String const& name,
-                                   Zel::Ptr<Zel::Clock const> const& clock)
+XactAggregatorSm::XactAggregatorSm(Zel::String const& name, Zel::Ptr<Zel::Clock const> const& clock)
     : name_(name) {
   zelClock_.notifierIs(clock);
 }
@@ -324,11 +281,11 @@ void XactAggregatorSm::timeoutIs(Seconds timeout) {
 // ---- Starting and stopping ----
 
 void XactAggregatorSm::doStartXact(Zel::Ptr<Xact> const& x) {
-  ZEL_ASSERT(x);
+  ZEL_ASSERT_AS(x, "x");
   U32 const id = x->id();
   if (auto t = Zel::TraceHelper(trace(), traceState)) {
-    t << "void Kiv::XactAggregatorSm::doStartXact(const Ptr&)" << " xact id: " << id
-      << " configVersion: " << x->configVersion();
+    t << "void Kiv::XactAggregatorSm::doStartXact(const Ptr&)"
+      << " xact id: " << id << " configVersion: " << x->configVersion();
   }
   x->resultIs(xactInProgress);
   if (xactIsBlocked(x)) {
@@ -620,151 +577,5 @@ U32 XactAggregatorSm::answers(U32 id, U32 configVersion) const {
   }
   return count;
 }
-
-// ---- The executor -----------------------------------------------------------------------------
-
-XactExecutorSm::XactExecutorSm(Zel::String const& name,
-                               Zel::Ptr<XactConfigDir const> const& xactConfigDir,
-                               Zel::Ptr<XactStatusDir> const& xactStatusDir,
-                               Zel::Ptr<Zel::Clock const> const& clock)
-    : name_(name), xactStatusDir_(xactStatusDir) {
-  Zel::refuseNull(xactConfigDir, "Kiv::XactExecutorSm", "xactConfigDir");
-  Zel::refuseNull(xactStatusDir, "Kiv::XactExecutorSm", "xactStatusDir");
-  zelXactConfigDir_.notifierIs(xactConfigDir);
-  zelClock_.notifierIs(clock);
-}
-
-// The config watcher goes first: no config may reach doExecute once the derived part is gone.
-XactExecutorSm::~XactExecutorSm() {
-  zelXactConfigDir_.notifierIs(nullptr);
-  handleDel();
-}
-
-void XactExecutorSm::backlogQuantumIs(Seconds quantum) {
-  if (!(quantum >= 0)) throw Zel::RangeException("XactExecutorSm::backlogQuantum < 0 not allowed");
-  attributeIs(backlogQuantum_, quantum, &NotifieeConst::onBacklogQuantum);
-}
-
-ExecResult XactExecutorSm::doExecute(XactConfig const&) {
-  throw Zel::NoImplementationException("doExecute must be implemented in the derived class");
-}
-
-void XactExecutorSm::doProcessXact(U32 id) {
-  if (auto t = Zel::TraceHelper(trace(), traceStep)) {
-    t << "void Kiv::XactExecutorSm::doProcessXact(U32) " << name_ << " id " << id;
-  }
-  XactConfig const config = xactConfigDir()->xactConfig(id);
-  if (config == XactConfig()) {
-    if (auto t = Zel::TraceHelper(trace(), traceState)) t << "Deleting xactStatus with id: " << id;
-    xactStatusDir_->xactStatusDel(id);
-    return;
-  }
-  if (auto t = Zel::TraceHelper(trace(), traceStep)) {
-    t << "configVersion: " << config.configVersion();
-  }
-  ExecResult const outcome = doExecute(config);
-  xactStatusDir_->xactStatusIs(
-      XactStatus(id, outcome.result(), outcome.comment(), config.configVersion()));
-}
-
-void XactExecutorSm::handleXactConfig(U32 id) {
-  if (auto t = Zel::TraceHelper(trace(), traceEvaluation)) {
-    t << "void Kiv::XactExecutorSm::handleXactConfig(U32) " << name_ << " id " << id;
-  }
-  updatesSeenInc(1);
-  if (!clock()) {
-    doProcessXact(id);
-    return;
-  }
-  if (xactConfigDir()->xactConfig(id) == XactConfig()) {
-    backlogDel(id);
-    doProcessXact(id);
-    return;
-  }
-  backlogIs(id, true);
-  if (zelClock_.timeMin() == endOfTime) zelClock_.timeMinIs(0.0);
-}
-
-void XactExecutorSm::handleXactConfig() {
-  for (U32 id : keysOf(xactConfigDir()->xactConfigIteratorConst())) {
-    if (xactConfigDir()->xactConfigHas(id)) handleXactConfig(id);
-  }
-}
-
-// The slice walks the backlog in id order from the bookmark to the end, then once from the lowest
-// id. It takes each entry out by its position; when an execution's handlers withdraw entries
-// (which may take the next position with them), the walk finds its place again by id.
-void XactExecutorSm::handleClock() {
-  if (auto t = Zel::TraceHelper(trace(), traceEvaluation)) {
-    t << "void Kiv::XactExecutorSm::handleClock() " << name_;
-  }
-  Seconds const start = currentTime();
-  Seconds const deadline = start + backlogQuantum_;
-  Seconds now = start;
-  U64 done = 0;
-  auto next = firstFrom(bookmark_);
-  bool restarted = false;
-  while (!backlog_.empty()) {
-    if (next == backlog_.end()) {
-      if (restarted) break;
-      restarted = true;
-      next = backlog_.begin();
-      continue;
-    }
-    U32 const id = next->first;
-    now = currentTime();
-    if (done > 0 && now >= deadline) {
-      bookmarkIs(id);
-      zelClock_.timeMinIs(0.0);
-      yieldBeforeFinishingCountInc(1);
-      break;
-    }
-    U64 const removals = backlogRemovals_;
-    next = backlog_.del(next);
-    notify(&NotifieeConst::onBacklog, id);
-    executeBacklogEntry(id);
-    if (backlogRemovals_ != removals) next = id == ~U32(0) ? backlog_.end() : firstFrom(id + 1);
-    ++done;
-  }
-  updatesProcessedInc(done);
-  timeUsedInc(now - start);
-  dispatchCountInc(1);
-}
-
-// The first entry whose id is not below `id`. A linear walk: the runtime's ordered map offers no
-// search by key bound, and the ids before a bookmark are few.
-Zel::RbTreeMap<U32, bool>::iterator XactExecutorSm::firstFrom(U32 id) {
-  auto it = backlog_.begin();
-  while (it != backlog_.end() && it->first < id) ++it;
-  return it;
-}
-
-// The entry is out of the backlog while it executes, so that a config rewritten meanwhile is
-// queued again; it goes back in if doExecute throws.
-void XactExecutorSm::executeBacklogEntry(U32 id) {
-  try {
-    doProcessXact(id);
-  } catch (...) {
-    backlogIs(id, true);
-    throw;
-  }
-}
-
-void XactExecutorSm::handleInit() {
-  if (auto t = Zel::TraceHelper(trace(), traceTick)) {
-    t << "void Kiv::XactExecutorSm::handleInit() " << name_;
-  }
-}
-
-void XactExecutorSm::handleDel() {
-  if (auto t = Zel::TraceHelper(trace(), traceState)) {
-    t << "void Kiv::XactExecutorSm::handleDel() " << name_;
-  }
-  xactStatusDir_->xactStatusDelAll();
-  if (zelClock_.notifier()) zelClock_.timeMinIs(endOfTime);
-}
-
-Zel::TypeRegistration<XactConfig, XactStatus, ExecResult, Xact, XactConfigDir, XactStatusDir,
-                      XactDir, XactAggregatorSm, XactExecutorSm> const registration;
 
 }  // namespace Kiv
