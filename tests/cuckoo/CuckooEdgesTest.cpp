@@ -102,12 +102,13 @@ TEST(CuckooEviction, TwoTablesAlternateStrictlyAndTheSeedReproducesTheWalk) {
   auto const walk = [](U32 seed) {
     Rig rig({4, 2, 2}, [&](Config& c) { c.randomSeedIs(seed); });
     for (U32 s = 0; s < 16; ++s) {
-      rig.table->setItemAtLocation(item(1000 + s, s % 4, s % 4), at(s / 8, s / 4 % 2, s % 4));
+      Peer::setItemAtLocation(*rig.table, item(1000 + s, s % 4, s % 4),
+                              at(s / 8, s / 4 % 2, s % 4));
     }
     auto const path = evictCmdPathFactory();
     std::vector<CuckooLocation> walked;
     for (Zel::Ptr<HashItem const> next = item(1, 1, 2); next && walked.size() < 60;) {
-      next = rig.table->tryInsertItem(next, path);
+      next = Peer::tryInsertItem(*rig.table, next, path);
       EXPECT_TRUE(walked.empty() || walked.back().tableId() != rig.table->lastEvictedTable());
       walked.push_back(path->cmdLog()->location());
       EXPECT_EQ(walked.back().tableId(), rig.table->lastEvictedTable());
@@ -131,13 +132,13 @@ TEST(CuckooEviction, PathsAreQueuedNewestFirstOnceASlotAndHitlessDropsCycles) {
     SCOPED_TRACE(hitless ? "hitless" : "plain");
     Rig rig({4, 1, 2}, [&](Config& config) { config.hitlessIs(hitless); });
     for (auto const& [location, resident] : Writes{{l1, a}, {l2, b}, {l3, c}}) {
-      rig.table->setItemAtLocation(resident, location);
+      Peer::setItemAtLocation(*rig.table, resident, location);
     }
     auto const path = evictCmdPathFactory();
     for (auto const& [location, next] : Writes{{l1, n}, {l2, a}, {l1, b}, {l3, n}, {l4, c}}) {
-      path->cmdLogIs(rig.table->setItemAtLocation(next, location));
+      path->cmdLogIs(Peer::setItemAtLocation(*rig.table, next, location));
     }
-    rig.table->updateCuckooCmds(path, rig.queue());
+    Peer::updateCuckooCmds(*rig.table, path, rig.queue());
     EXPECT_EQ(path->cmdLogs(), 0u);
     Writes queued;
     for (auto const& write : rig.queue()->itemSeqIteratorConst()) {

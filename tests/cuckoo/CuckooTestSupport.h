@@ -1,5 +1,6 @@
-// Shared by the cuckoo suites: building a table of a given shape, and a plain model of the real
-// table (location -> item) that the queued writes are replayed against.
+// Shared by the cuckoo suites: building a table of a given shape, a plain model of the real
+// table (location -> item) that the queued writes are replayed against, and the way to the
+// engine's private steps.
 #pragma once
 
 #include <Kiv/CuckooHashTable.h>
@@ -9,7 +10,31 @@
 #include <map>
 #include <vector>
 
+namespace Kiv::Cuckoo {
+
+// The steps of an insert, for the tests that walk or queue a path by hand.
+struct HashTableTestPeer {
+  static Zel::Ptr<EvictCmd> setItemAtLocation(HashTable& table,
+                                              Zel::Ptr<HashItem const> const& item,
+                                              CuckooLocation const& location) {
+    return table.setItemAtLocation(item, location);
+  }
+  static Zel::Ptr<HashItem const> tryInsertItem(HashTable& table,
+                                                Zel::Ptr<HashItem const> const& item,
+                                                Zel::Ptr<EvictCmdPath> const& evictPath) {
+    return table.tryInsertItem(item, evictPath);
+  }
+  static void updateCuckooCmds(HashTable& table, Zel::Ptr<EvictCmdPath> const& evictPath,
+                               Zel::Ptr<CuckooCmds> const& cuckooCmds) {
+    table.updateCuckooCmds(evictPath, cuckooCmds);
+  }
+};
+
+}  // namespace Kiv::Cuckoo
+
 namespace Kiv::Cuckoo::Test {
+
+using Peer = HashTableTestPeer;
 
 struct Shape {
   U32 tableSize;

@@ -1,21 +1,21 @@
-#include <Kiv/CuckooHashTable.h>
+#include <Kiv/CuckooEngine.h>
+
+#include "CuckooCapacity.h"
 
 #include <Zel/Activity.h>
 #include <Zel/Assert.h>
+#include <Zel/GenericIf.h>
 #include <Zel/System.h>
 #include <Zel/Trace.h>
 
 #include <algorithm>
-#include <array>
 #include <cmath>
-#include <cstdio>
 #include <cstdlib>
 #include <iterator>
 #include <ostream>
 #include <sstream>
 #include <string>
 #include <string_view>
-#include <typeinfo>
 #include <unordered_map>
 #include <utility>
 
@@ -23,13 +23,12 @@ namespace Kiv::Cuckoo {
 
 namespace {
 
-Zel::TraceHandle& trace() { return Zel::traceHandle<"CuckooHashTable">(); }
+constexpr auto trace = Zel::traceHandle<"CuckooHashTable">;
 
-// Trace levels: failures and reports, per-call events, per-path detail, per-write detail.
-constexpr int traceReport = 3;
-constexpr int traceEvent = 5;
-constexpr int tracePath = 7;
-constexpr int traceWrite = 9;
+constexpr int traceReport = 3;  // failed attempts, pending-item reports, verification failures
+constexpr int traceEvent = 5;   // one line per call: seeding, present or absent items, reviews
+constexpr int tracePath = 7;    // per path: cycles counted and deleted; tryReduceCuckooCmds
+constexpr int traceWrite = 9;   // per slot write and per command examined
 
 Zel::String text(Zel::Ptr<HashItem const> const& item) {
   return item ? item->toStrep() : Zel::String("None");
@@ -41,205 +40,7 @@ std::string describe(EvictCmd const& cmd) {
   return out.str();
 }
 
-U64 capacityOf(TableDescriptor const& desc) { return U64(desc.tableSize()) * desc.binSize(); }
-
 }  // namespace
-
-// ---- Value types ------------------------------------------------------------------------------
-
-void TableId::outOfRange() {
-  throw Zel::RangeException("TableId::value < TableId::min or > TableId::null not allowed");
-}
-
-std::ostream& operator<<(std::ostream& out, TableId id) {
-  return out << "( " << unsigned(id.value()) << " )";
-}
-
-std::ostream& operator<<(std::ostream& out, CuckooLocation const& location) {
-  return out << "TableId/BinId/Index: ( " << unsigned(location.tableId().value()) << ", "
-             << unsigned(location.binId()) << ", " << location.index() << " )";
-}
-
-// ---- Items ------------------------------------------------------------------------------------
-
-bool HashItem::isEqual(Zel::Ptr<HashItem const> const&) const {
-  Zel::assertionFailed("(!(\"not implemented\"))", __FILE__, __LINE__, __func__);
-}
-
-U32 HashItem::getHash(TableId) const {
-  Zel::assertionFailed("(!(\"not implemented\"))", __FILE__, __LINE__, __func__);
-}
-
-Zel::String HashItem::toStrep() const {
-  Zel::assertionFailed("(!(\"not implemented\"))", __FILE__, __LINE__, __func__);
-}
-
-Zel::Ptr<IntHashItem> intHashItemFactory(U32 key, U32 hashIndex0, U32 hashIndex1, U32 hashIndex2) {
-  return Zel::allocate<IntHashItem>(key, hashIndex0, hashIndex1, hashIndex2);
-}
-
-bool IntHashItem::isEqual(Zel::Ptr<HashItem const> const& other) const {
-  if (!other) return false;
-  // Items made by one factory share their dynamic type, so lookups, which compare with every
-  // resident of a bucket, take the cheap type test before the cast's walk of the hierarchy.
-  HashItem const& item = *other;
-  IntHashItem const* const same = typeid(item) == typeid(*this)
-                                      ? static_cast<IntHashItem const*>(other.ptr())
-                                      : dynamic_cast<IntHashItem const*>(other.ptr());
-  return same && same->key_ == key_;
-}
-
-U32 IntHashItem::getHash(TableId tableId) const {
-  switch (tableId.value()) {
-    case 0: return hashIndex0_;
-    case 1: return hashIndex1_;
-    default: return hashIndex2_;
-  }
-}
-
-Zel::String IntHashItem::toStrep() const { return "IntHashItem(" + std::to_string(key_) + ")"; }
-
-// ---- Configuration and status -----------------------------------------------------------------
-
-Zel::Ptr<TableDescriptor> tableDescriptorFactory(TableId tableId, U32 tableSize, U8 binSize) {
-  return Zel::allocate<TableDescriptor>(tableId, tableSize, binSize);
-}
-
-TableDescriptor::TableDescriptor(TableId tableId, U32 tableSize, U8 binSize)
-    : tableId_(tableId), tableSize_(tableSize), binSize_(binSize) {
-  if (binSize < minBinSize || binSize > maxBinSize) {
-    throw Zel::RangeException("TableDescriptor::binSize < 1 or > 8 not allowed");
-  }
-}
-
-Zel::Ptr<Config> configFactory(Zel::Name name, U8 numTables) {
-  return Zel::allocate<Config>(name, numTables);
-}
-
-Zel::Ptr<TableStat> tableStatFactory(TableId tableId) { return Zel::allocate<TableStat>(tableId); }
-
-double TableStat::occupancy() const noexcept {
-  if (!tableDesc_) return 0.0;
-  U64 const capacity = capacityOf(*tableDesc_);
-  return capacity ? double(numOfHashItems_) / double(capacity) : 0.0;
-}
-
-Zel::Ptr<CuckooItem> cuckooItemFactory(CuckooLocation location, Zel::Ptr<HashItem const> item) {
-  return Zel::allocate<CuckooItem>(location, std::move(item));
-}
-
-Zel::Ptr<CuckooCmds> cuckooCmdsFactory() { return Zel::allocate<CuckooCmds>(); }
-
-void CuckooCmds::itemSeqIs(Zel::Ptr<CuckooItem> write) {
-  itemSeq_.push(std::move(write));
-  notify(&NotifieeConst::onItemSeq, nextSeq_++);
-}
-
-Zel::Ptr<CuckooItem> CuckooCmds::itemSeqDel() {
-  if (itemSeq_.empty()) return nullptr;
-  U32 const seq = nextSeq_ - U32(itemSeq_.size());
-  Zel::Ptr<CuckooItem> oldest = itemSeq_.pop();
-  notify(&NotifieeConst::onItemSeq, seq);
-  return oldest;
-}
-
-void CuckooCmds::itemSeqDelAll() {
-  U32 seq = nextSeq_ - U32(itemSeq_.size());
-  itemSeq_.delAll();
-  if (zelNotifiees().empty()) return;
-  for (; seq != nextSeq_; ++seq) notify(&NotifieeConst::onItemSeq, seq);
-}
-
-Zel::Ptr<Status> statusFactory(Zel::Name name) { return Zel::allocate<Status>(name); }
-
-void Status::pendingItemSetIs(Zel::Ptr<HashItem const> const& item) {
-  Zel::refuseNull(item, "Kiv::Cuckoo::Status", "pendingItemSet");
-  if (pendingIndex_.has(item)) return;
-  U64 const arrival = nextPendingArrival_++;
-  pendingIndex_.valueIs(item, arrival);
-  pendingItems_.valueIs(arrival, item);
-  notify(&NotifieeConst::onPendingItemSet, item);
-}
-
-void Status::pendingItemSetDel(Zel::Ptr<HashItem const> const& item) {
-  U64 const* const arrival = pendingIndex_.find(item);
-  if (!arrival) return;
-  pendingItems_.del(*arrival);
-  pendingIndex_.del(item);
-  notify(&NotifieeConst::onPendingItemSet, item);
-}
-
-void Status::pendingItemSetDelAll() {
-  PendingItems removed;
-  std::swap(removed, pendingItems_);
-  pendingIndex_.delAll();
-  for (auto const& entry : removed) notify(&NotifieeConst::onPendingItemSet, entry.second);
-}
-
-void Status::firstFailLoadFactorIs(float loadFactor) {
-  U32 const seq = nextFirstFailSeq_++;
-  entryIs(firstFailLoadFactor_, seq, loadFactor, &NotifieeConst::onFirstFailLoadFactor);
-}
-
-void Status::firstFailLoadFactorDel() {
-  if (firstFailLoadFactor_.empty()) return;
-  firstFailLoadFactorDel(firstFailLoadFactor_.begin()->first);
-}
-
-void Status::firstFailLoadFactorDel(U32 seq) {
-  entryDel(firstFailLoadFactor_, seq, &NotifieeConst::onFirstFailLoadFactor);
-}
-
-void Status::firstFailLoadFactorDelAll() {
-  entryDelAll(firstFailLoadFactor_, &NotifieeConst::onFirstFailLoadFactor);
-}
-
-void Status::lastFailLoadFactorIs(float loadFactor) {
-  U32 const seq = nextLastFailSeq_++;
-  entryIs(lastFailLoadFactor_, seq, loadFactor, &NotifieeConst::onLastFailLoadFactor);
-}
-
-void Status::lastFailLoadFactorDel() {
-  if (lastFailLoadFactor_.empty()) return;
-  lastFailLoadFactorDel(lastFailLoadFactor_.begin()->first);
-}
-
-void Status::lastFailLoadFactorDel(U32 seq) {
-  entryDel(lastFailLoadFactor_, seq, &NotifieeConst::onLastFailLoadFactor);
-}
-
-void Status::lastFailLoadFactorDelAll() {
-  entryDelAll(lastFailLoadFactor_, &NotifieeConst::onLastFailLoadFactor);
-}
-
-double Status::occupancy() const {
-  U64 occupied = 0;
-  U64 available = 0;
-  for (auto const& [tableId, stat] : tableStat_) {
-    U64 const capacity = stat->tableDesc() ? capacityOf(*stat->tableDesc()) : 0;
-    if (auto t = Zel::TraceHelper(trace(), tracePath)) {
-      t << "Table[" << unsigned(tableId.value()) << "] numOfHashItems: " << stat->numOfHashItems()
-        << " / " << capacity << ", numOfEvicts: " << stat->numOfEvicts();
-    }
-    occupied += stat->numOfHashItems();
-    available += capacity;
-  }
-  double const loadFactor = available ? double(occupied) / double(available) : 0.0;
-  if (auto t = Zel::TraceHelper(trace(), tracePath)) {
-    t << "Total available: " << available << " occupied: " << occupied
-      << " loadFactor: " << loadFactor;
-  }
-  return loadFactor;
-}
-
-Zel::Ptr<EvictCmd> evictCmdFactory(Zel::Ptr<HashItem const> oldItem,
-                                   Zel::Ptr<HashItem const> newItem, CuckooLocation location) {
-  return Zel::allocate<EvictCmd>(std::move(oldItem), std::move(newItem), location);
-}
-
-Zel::Ptr<EvictCmdPath> evictCmdPathFactory() { return Zel::allocate<EvictCmdPath>(); }
-
-// ---- The engine -------------------------------------------------------------------------------
 
 // One slot of the shadow. `hash` is the resident's hash for the slot's table: a probe calls
 // isEqual only where it agrees with the item's, so it rarely touches the resident objects. `mark`
@@ -277,20 +78,21 @@ HashTable::HashTable(Zel::Ptr<Config> config, Zel::Ptr<Status> status)
 HashTable::~HashTable() = default;
 
 void HashTable::handleInitialized() {
-  ZEL_ASSERT(!initialized());
-  ZEL_ASSERT(config()->numTables());
-  ZEL_ASSERT(config()->numTables() == config()->tableDescLists());
-  ZEL_ASSERT(config()->maxRetry());
-  ZEL_ASSERT(config()->maxLoop());
-  ZEL_ASSERT(config()->numTables() < TableId::null);
+  ZEL_ASSERT_AS(!initialized_, "!initialized()");
+  ZEL_ASSERT_AS(config_->numTables(), "config()->numTables()");
+  ZEL_ASSERT_AS(config_->numTables() == config_->tableDescLists(),
+                "config()->numTables() == config()->tableDescLists()");
+  ZEL_ASSERT_AS(config_->maxRetry(), "config()->maxRetry()");
+  ZEL_ASSERT_AS(config_->maxLoop(), "config()->maxLoop()");
+  ZEL_ASSERT_AS(config_->numTables() < TableId::null, "config()->numTables() < TableId::null");
 
   U8 expected = 0;
-  for (auto const& [key, tableDesc] : config()->tableDescListIteratorConst()) {
+  for (auto const& [key, tableDesc] : config_->tableDescListIteratorConst()) {
     TableId const tableId(expected++);
-    ZEL_ASSERT(tableDesc->tableId() == tableId);
-    ZEL_ASSERT(tableDesc->tableSize());
-    ZEL_ASSERT(tableDesc->binSize() >= 1);
-    Zel::Ptr<TableStat> stat = status()->tableStatIs(tableId);
+    ZEL_ASSERT_AS(tableDesc->tableId() == tableId, "tableDesc->tableId() == tableId");
+    ZEL_ASSERT_AS(tableDesc->tableSize(), "tableDesc->tableSize()");
+    ZEL_ASSERT_AS(tableDesc->binSize() >= 1, "tableDesc->binSize() >= 1");
+    Zel::Ptr<TableStat> stat = status_->tableStatIs(tableId);
     stat->tableDescIs(tableDesc);
     stat->numOfHashItemsIs(0);
     std::size_t const capacity = std::size_t(tableDesc->tableSize()) * tableDesc->binSize();
@@ -299,11 +101,11 @@ void HashTable::handleInitialized() {
   }
 
   clockIs(Zel::activityManager()->clock());
-  if (U32 const seed = config()->randomSeed()) {
+  if (U32 const seed = config_->randomSeed()) {
     std::srand(seed);
     if (auto t = Zel::TraceHelper(trace(), traceEvent)) t << " rand() == " << std::rand();
   }
-  status()->cuckooCmdsIs(cuckooCmdsFactory());
+  status_->cuckooCmdsIs(cuckooCmdsFactory());
   pendingItemBeginTime_ = Zel::beginningOfTime;
   lastSyslogTime_ = Zel::beginningOfTime;
   initialized_ = true;
@@ -337,7 +139,7 @@ std::optional<CuckooLocation> HashTable::itemLocation(Zel::Ptr<HashItem const> c
 // sits, and on the way the first free slot (left unset when the item is found).
 std::optional<CuckooLocation> HashTable::probe(Zel::Ptr<HashItem const> const& item,
                                                std::optional<CuckooLocation>& free) const {
-  ZEL_ASSERT(item);
+  ZEL_ASSERT_AS(item, "item");
   for (U8 t = 0; t < tables_.size(); ++t) {
     TableId const tableId(t);
     Table const& table = tables_[t];
@@ -461,7 +263,7 @@ Zel::Ptr<HashItem const> HashTable::tryInsertItem(Zel::Ptr<HashItem const> const
 
 bool HashTable::insert(Zel::Ptr<HashItem const> const& item,
                        Zel::Ptr<CuckooCmds> const& cuckooCmds) {
-  ZEL_ASSERT(initialized());
+  ZEL_ASSERT_AS(initialized_, "initialized()");
   ZEL_ASSERT(cuckooCmds);
   std::optional<CuckooLocation> free;
   if (probe(item, free)) {
@@ -570,7 +372,8 @@ bool HashTable::deleteNewestCycle(Commands& commands) {
         std::find_if(ecIt + 1, commands.end(), [&](Zel::Ptr<EvictCmd> const& cmd) {
           return cmd->location() == (*ecIt)->location();
         });
-    ZEL_ASSERT(( *prevIter )->oldItem() == ( *ecIt )->newItem());
+    ZEL_ASSERT_AS((*prevIter)->oldItem() == (*ecIt)->newItem(),
+                  "( *prevIter )->oldItem() == ( *ecIt )->newItem()");
     restoreRun(ecIt, prevIter + 1);
     std::for_each(ecIt, prevIter + 1, [&](Zel::Ptr<EvictCmd>& cmd) { recycle(std::move(cmd)); });
     commands.erase(ecIt, prevIter + 1);
@@ -654,7 +457,7 @@ void HashTable::replacedByOlderWrite(CuckooCmds const& cuckooCmds, U32 emitted,
 
 bool HashTable::remove(Zel::Ptr<HashItem const> const& item,
                        Zel::Ptr<CuckooCmds> const& cuckooCmds) {
-  ZEL_ASSERT(initialized());
+  ZEL_ASSERT_AS(initialized_, "initialized()");
   ZEL_ASSERT(cuckooCmds);
   if (!item) {
     if (auto t = Zel::TraceHelper(trace(), traceEvent)) t << " Invalid item.";
@@ -665,7 +468,8 @@ bool HashTable::remove(Zel::Ptr<HashItem const> const& item,
     if (auto t = Zel::TraceHelper(trace(), traceEvent)) t << " Item does not exist.";
     return false;
   }
-  ZEL_ASSERT(item->isEqual( itemShadow( cuckooItem->location() ) ));
+  ZEL_ASSERT_AS(item->isEqual(itemShadow(cuckooItem->location())),
+                "item->isEqual( itemShadow( cuckooItem->location() ) )");
   Zel::Ptr<HashItem const> const removed = writeSlot(nullptr, cuckooItem->location());
   queueWrite(cuckooCmds, cuckooItem->location(), nullptr, removed);
   return true;
@@ -700,7 +504,7 @@ void HashTable::handleCmdReadCompleted() {
 void HashTable::reviewPendingItems() {
   zelClock_.timeMinIs(Zel::endOfTime);
   U32 const pending = status_->pendingItemSets();
-  if (!initialized() || !config_->reviewPendingItemSupport() || pending == 0) {
+  if (!initialized_ || !config_->reviewPendingItemSupport() || pending == 0) {
     if (auto t = Zel::TraceHelper(trace(), traceEvent)) {
       t << "Skip processing pending items, check reviewPendingItemSupport.";
     }
@@ -763,14 +567,13 @@ void HashTable::reportPendingTime(Seconds now) {
 
 namespace {
 
-// The real table as the writer sees it: every slot of every table, null when free. count() says
-// whether a location is a slot of it, as the count of a map holding every slot would.
+// The real table as the writer sees it: every slot of every table, null when free.
 class RealTable {
 public:
   void tableIs(U32 tableSize, U8 binSize, std::vector<Zel::Ptr<HashItem const>> slots) {
     tables_.push_back(Geometry{tableSize, binSize, std::move(slots)});
   }
-  std::size_t count(CuckooLocation const& location) const noexcept {
+  bool holds(CuckooLocation const& location) const noexcept {
     U8 const t = location.tableId().value();
     return t < tables_.size() && location.binId() < tables_[t].binSize &&
            location.index() < tables_[t].tableSize;
@@ -844,7 +647,7 @@ Zel::String HashTable::currentSnapshot() const {
 }
 
 Zel::String HashTable::displayItems(U32 rows) const {
-  ZEL_ASSERT(config()->numTables() < 10);
+  ZEL_ASSERT_AS(config_->numTables() < 10, "config()->numTables() < 10");
   std::string out;
   U32 buckets = 0;
   U8 bins = 0;
@@ -914,7 +717,7 @@ bool HashTable::verifyCuckooCmdsHitless() const {
   }
   for (auto it = queue.end(); it != queue.begin();) {
     CuckooItem const& cuckooItem = **--it;
-    if (hwTable.count(cuckooItem.location())) {
+    if (hwTable.holds(cuckooItem.location())) {
       hwTable[cuckooItem.location()] = cuckooItem.replacedItem();
     }
   }
@@ -928,7 +731,7 @@ bool HashTable::verifyCuckooCmdsHitless() const {
   std::size_t write = 0;
   for (Zel::Ptr<CuckooItem> const& cuckooItem : queue) {
     ++write;
-    if (!hwTable.count( cuckooItem->location() )) {
+    if (!hwTable.holds(cuckooItem->location())) {
       failed("hwTable.count( cuckooItem->location() )", write, *cuckooItem);
       continue;
     }
@@ -941,7 +744,7 @@ bool HashTable::verifyCuckooCmdsHitless() const {
         return entry.second == cuckooItem->location();
       });
       if (place != last) itemToLoc.erase(place);
-      if (cuckooItem->item() && !itemToLoc.count( prevItem )) {
+      if (cuckooItem->item() && !itemToLoc.count(prevItem)) {
         failed("itemToLoc.count( prevItem )", write, *cuckooItem);
       }
     }
@@ -953,10 +756,11 @@ bool HashTable::verifyCuckooCmdsHitless() const {
     Zel::Ptr<HashItem const> const expected = itemShadow(location);
     if (expected == got) return;
     hitless = false;
-    auto t = Zel::TraceHelper(trace(), traceReport);
     if (!got) {
-      t << "Missing item " << text(expected) << " loc " << location;
-    } else {
+      if (auto t = Zel::TraceHelper(trace(), traceReport)) {
+        t << "Missing item " << text(expected) << " loc " << location;
+      }
+    } else if (auto t = Zel::TraceHelper(trace(), traceReport)) {
       t << "Item mismatch! expected item " << text(expected) << " got " << text(got) << " loc "
         << location;
     }
@@ -973,8 +777,6 @@ Zel::Ptr<CuckooCmds> HashTable::tryReduceQueuedCmds() const {
   return tryReduceCuckooCmds(status_->cuckooCmds());
 }
 
-Zel::TypeRegistration<TableId, CuckooLocation, IntHashItem, TableDescriptor, Config, TableStat,
-                      CuckooItem, CuckooCmds, Status, EvictCmd, EvictCmdPath, HashTable> const
-    registration;
+Zel::TypeRegistration<HashTable> const registration;
 
 }  // namespace Kiv::Cuckoo
