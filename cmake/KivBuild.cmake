@@ -51,22 +51,14 @@ function(kiv_add_test_suites dir)
   endforeach()
 endfunction()
 
-# One benchmark executable per bench/<name>/, plus kiv-bench-runtime from
-# the *.cpp files directly in bench/.
+# One benchmark executable per bench/<name>/, each with the shared main
+# (bench/BenchMain.cpp).
 function(kiv_add_benchmarks dir)
   kiv_source_folders("${dir}" names)
-  file(GLOB top_sources CONFIGURE_DEPENDS "${dir}/*.cpp")
-  if(top_sources)
-    if(runtime IN_LIST names)
-      message(FATAL_ERROR "bench/*.cpp and bench/runtime/ would both build kiv-bench-runtime")
-    endif()
-    list(APPEND names runtime)
-    set(kiv_sources_runtime "${top_sources}")
-  endif()
   foreach(name IN LISTS names)
     set(target kiv-bench-${name})
-    add_executable(${target} ${kiv_sources_${name}})
-    target_link_libraries(${target} PRIVATE Kiv::Kiv benchmark::benchmark_main)
+    add_executable(${target} ${kiv_sources_${name}} "${dir}/BenchMain.cpp")
+    target_link_libraries(${target} PRIVATE Kiv::Kiv benchmark::benchmark)
     kiv_project_warnings(${target})
   endforeach()
 endfunction()

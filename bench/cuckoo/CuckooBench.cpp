@@ -15,7 +15,7 @@
 //   slots per table, beside the same probe in a Zel::HashMap2018 keyed by CuckooLocation.
 //
 // The writer is played after every model call: it drains the queue and acknowledges it.
-#include "../ForwardingReporter.h"
+#include "../BenchMain.h"
 
 #include <Kiv/CuckooHashTable.h>
 
@@ -25,11 +25,10 @@
 
 #include <algorithm>
 #include <array>
-#include <cstdio>
 #include <cstdlib>
-#include <iostream>
 #include <map>
 #include <new>
+#include <ostream>
 #include <random>
 #include <string>
 #include <typeinfo>
@@ -440,7 +439,7 @@ void shadowProbe(benchmark::State& state, bool hashMap) {
 // ---- Report ---------------------------------------------------------------------------------
 
 // Keeps each benchmark's CPU time and counters.
-class SummaryReporter : public KivBench::ForwardingReporter {
+class CuckooSummary : public KivBench::Summary {
 public:
   struct Measured {
     double nanoseconds;  // CPU time per iteration
@@ -448,13 +447,13 @@ public:
     std::map<std::string, double> counters;
   };
 
-  using ForwardingReporter::ForwardingReporter;
+  using Summary::Summary;
 
   Measured const* find(std::string const& name) const {
     auto it = measured_.find(name);
     return it == measured_.end() ? nullptr : &it->second;
   }
-  void print(std::ostream& out) const;
+  void print(std::ostream& out) const override;
 
 private:
   void record(Run const& run) override {
@@ -467,13 +466,11 @@ private:
   std::map<std::string, Measured> measured_;
 };
 
-void SummaryReporter::print(std::ostream& out) const {
-  char line[256];
+void CuckooSummary::print(std::ostream& out) const {
   out << "\nFill to the first failed insert (mean of " << fillRounds << " seeds):\n";
-  std::snprintf(line, sizeof line, "%-5s %7s %9s %10s %9s %11s %13s %8s %12s %11s\n", "shape",
+  KivBench::print(out, "%-5s %7s %9s %10s %9s %11s %13s %8s %12s %11s\n", "shape",
                 "known", "model", "bare", "plain", "model ins/s", "writes/insert", "cycles",
                 "plain ins/s", "bare ins/s");
-  out << line;
   for (Shape const& shape : shapes) {
     std::string const prefix = std::string("fill/") + shape.name + "/";
     Measured const* model = find(prefix + "model");
@@ -482,13 +479,12 @@ void SummaryReporter::print(std::ostream& out) const {
     if (!model || !plain || !bare) continue;
     std::string const writes = std::to_string(model->counters.at("writes/insert")).substr(0, 4) +
                                " max " + std::to_string(int(model->counters.at("maxWrites")));
-    std::snprintf(line, sizeof line,
+    KivBench::print(out,
                   "%-5s %6.1f%% %8.2f%% %9.2f%% %8.2f%% %11.0f %13s %8.1f %12.0f %11.0f\n",
                   shape.name, 100 * shape.knownLoad, model->counters.at("load%"),
                   bare->counters.at("load%"), plain->counters.at("load%"),
                   model->counters.at("inserts/s"), writes.c_str(), model->counters.at("cycles"),
                   plain->counters.at("inserts/s"), bare->counters.at("inserts/s"));
-    out << line;
     bool const same = plain->counters.at("firstFailure") == bare->counters.at("firstFailure");
     out << "      plain model and bare walk fail at the same insert: " << (same ? "yes" : "NO")
         << "\n";
@@ -503,10 +499,9 @@ void SummaryReporter::print(std::ostream& out) const {
       Measured const* bare = find(prefix + "baseline-bare");
       if (!model || !bare) continue;
       double const window = model->counters.at("window");
-      std::snprintf(line, sizeof line, "   at %d%%: %6.0f / %5.0f = %4.2fx", load,
+      KivBench::print(out, "   at %d%%: %6.0f / %5.0f = %4.2fx", load,
                     model->nanoseconds / window, bare->nanoseconds / window,
                     model->nanoseconds / bare->nanoseconds);
-      out << line;
     }
     out << "\n";
   }
@@ -515,21 +510,19 @@ void SummaryReporter::print(std::ostream& out) const {
   Measured const* located = find("lookup/model-itemLocation");
   Measured const* looked = find("lookup/model-lookupItem");
   if (bare && located && looked) {
-    std::snprintf(line, sizeof line,
+    KivBench::print(out,
                   "\nLookup at 90%% load (2x4): itemLocation %.1f ns (%.2f allocations) = %.2fx "
                   "the bare probe (%.1f ns); lookupItem %.1f ns (%.2f allocations: its result)\n",
                   located->nanoseconds, located->counters.at("allocs/lookup"),
                   located->nanoseconds / bare->nanoseconds, bare->nanoseconds, looked->nanoseconds,
                   looked->counters.at("allocs/lookup"));
-    out << line;
   }
   Measured const* array = find("shadow/baseline-array");
   Measured const* map = find("shadow/HashMap2018");
   if (array && map) {
-    std::snprintf(line, sizeof line,
+    KivBench::print(out,
                   "Shadow probe of 8 slots: array %.1f ns, HashMap2018 %.1f ns = %.2fx\n",
                   array->nanoseconds, map->nanoseconds, map->nanoseconds / array->nanoseconds);
-    out << line;
   }
 }
 
@@ -565,17 +558,7 @@ void registerBenchmarks() {
   benchmark::RegisterBenchmark("shadow/HashMap2018", [](State& s) { shadowProbe(s, true); });
 }
 
-}  // namespace
+KivBench::ProgramRegistrar const program(
+    {.registerBenchmarks = &registerBenchmarks, .summary = &KivBench::makeSummary<CuckooSummary>});
 
-int main(int argc, char** argv) {
-  benchmark::Initialize(&argc, argv);
-  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
-  registerBenchmarks();
-  benchmark::BenchmarkReporter* display = benchmark::CreateDefaultDisplayReporter();
-  SummaryReporter reporter(*display);
-  benchmark::RunSpecifiedBenchmarks(&reporter);
-  bool const console = dynamic_cast<benchmark::ConsoleReporter*>(display) != nullptr;
-  reporter.print(console ? std::cout : std::cerr);
-  benchmark::Shutdown();
-  return 0;
-}
+}  // namespace

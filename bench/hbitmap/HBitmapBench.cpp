@@ -10,7 +10,7 @@
 //
 // Benchmarks are named "<operation>/<implementation>/<size>"; the tables after the run are built
 // from the CPU time per iteration of this run only.
-#include "../ForwardingReporter.h"
+#include "../BenchMain.h"
 
 #include <Kiv/HBitmap.h>
 
@@ -20,8 +20,8 @@
 #include <array>
 #include <bit>
 #include <cstdint>
-#include <cstdio>
 #include <map>
+#include <ostream>
 #include <string>
 #include <vector>
 
@@ -201,9 +201,12 @@ void registerAll() {
 }
 
 // Keeps each benchmark's CPU time per iteration (with --benchmark_repetitions, the median).
-class TimeRecorder : public KivBench::ForwardingReporter {
+class TimeSummary : public KivBench::Summary {
 public:
-  using ForwardingReporter::ForwardingReporter;
+  using Summary::Summary;
+
+  // The search, growth and memory tables.
+  void print(std::ostream& out) const override;
 
   // The time of one benchmark, or 0 when it did not run.
   double ns(std::string const& name) const {
@@ -219,36 +222,35 @@ private:
   std::map<std::string, double> nanoseconds_;
 };
 
-void printSearchTable(std::FILE* out, TimeRecorder const& t) {
-  std::fprintf(
-      out, "\nGlobal search against a linear scan from the opposite end (aim at 2^28: >= 1000x)\n");
-  std::fprintf(out, "%-32s %6s %14s %14s %12s\n", "operation", "size", "hbitmap ns", "scan ns",
+void printSearchTable(std::ostream& out, TimeSummary const& t) {
+  KivBench::print(out, "\nGlobal search against a linear scan from the opposite end (aim at 2^28: >= 1000x)\n");
+  KivBench::print(out, "%-32s %6s %14s %14s %12s\n", "operation", "size", "hbitmap ns", "scan ns",
                "speedup");
   for (Search const& search : kSearches) {
     for (U32 log2Size : kLog2Sizes) {
       double const mine = t.ns(benchName(search.name, "hbitmap", log2Size));
       double const scan = t.ns(benchName(search.name, "linearScan", log2Size));
       if (mine == 0 || scan == 0) continue;
-      std::fprintf(out, "%-32s %6s %14.2f %14.2f %11.0fx\n", search.name,
+      KivBench::print(out, "%-32s %6s %14.2f %14.2f %11.0fx\n", search.name,
                    sizeName(log2Size).c_str(), mine, scan, scan / mine);
     }
   }
 }
 
-void printGrowthRow(std::FILE* out, TimeRecorder const& t, char const* operation,
+void printGrowthRow(std::ostream& out, TimeSummary const& t, char const* operation,
                     char const* implementation) {
   std::array<double, kLog2Sizes.size()> ns{};
   for (std::size_t i = 0; i < kLog2Sizes.size(); ++i) {
     ns[i] = t.ns(benchName(operation, implementation, kLog2Sizes[i]));
     if (ns[i] == 0) return;
   }
-  std::fprintf(out, "%-32s %-12s %10.2f %10.2f %10.2f %9.2fx\n", operation, implementation, ns[0],
+  KivBench::print(out, "%-32s %-12s %10.2f %10.2f %10.2f %9.2fx\n", operation, implementation, ns[0],
                ns[1], ns[2], ns[2] / ns[0]);
 }
 
-void printGrowthTable(std::FILE* out, TimeRecorder const& t) {
-  std::fprintf(out, "\nGrowth from 2^12 to 2^28 bits, ns per operation (aim for hbitmap: <= 3x)\n");
-  std::fprintf(out, "%-32s %-12s %10s %10s %10s %10s\n", "operation", "impl", "2^12", "2^20",
+void printGrowthTable(std::ostream& out, TimeSummary const& t) {
+  KivBench::print(out, "\nGrowth from 2^12 to 2^28 bits, ns per operation (aim for hbitmap: <= 3x)\n");
+  KivBench::print(out, "%-32s %-12s %10s %10s %10s %10s\n", "operation", "impl", "2^12", "2^20",
                "2^28", "2^28/2^12");
   for (Search const& search : kSearches) printGrowthRow(out, t, search.name, "hbitmap");
   for (Update const& update : kUpdates) {
@@ -257,36 +259,27 @@ void printGrowthTable(std::FILE* out, TimeRecorder const& t) {
   }
 }
 
-void printMemoryTable(std::FILE* out) {
-  std::fprintf(out, "\nMemory of both trees against two bits per bit (aim: <= 1.02)\n");
-  std::fprintf(out, "%6s %8s %14s %14s %8s\n", "size", "height", "words/tree", "bytes", "ratio");
+void printMemoryTable(std::ostream& out) {
+  KivBench::print(out, "\nMemory of both trees against two bits per bit (aim: <= 1.02)\n");
+  KivBench::print(out, "%6s %8s %14s %14s %8s\n", "size", "height", "words/tree", "bytes", "ratio");
   for (U32 log2Size : kLog2Sizes) {
     HBitmap const& bitmap = *subject(log2Size).bitmap;
     U64 const wordsPerTree = U64{bitmap.arrayBaseOffsetForHeight(bitmap.height() - 1)} + 1;
     U64 const bytes = 2 * 8 * wordsPerTree;
     double const twoBitsPerBit = 2.0 * bitmap.size() / 8;
-    std::fprintf(out, "%6s %8u %14llu %14llu %8.4f\n", sizeName(log2Size).c_str(), bitmap.height(),
+    KivBench::print(out, "%6s %8u %14llu %14llu %8.4f\n", sizeName(log2Size).c_str(), bitmap.height(),
                  static_cast<unsigned long long>(wordsPerTree),
                  static_cast<unsigned long long>(bytes), double(bytes) / twoBitsPerBit);
   }
 }
 
-}  // namespace
-
-int main(int argc, char** argv) {
-  registerAll();
-  benchmark::Initialize(&argc, argv);
-  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
-  benchmark::BenchmarkReporter* display = benchmark::CreateDefaultDisplayReporter();
-  TimeRecorder recorder(*display);
-  benchmark::RunSpecifiedBenchmarks(&recorder);
-  // Machine-readable formats keep standard output to themselves.
-  bool const console = dynamic_cast<benchmark::ConsoleReporter*>(display) != nullptr;
-  std::FILE* const out = console ? stdout : stderr;
-  std::fflush(stdout);
-  printSearchTable(out, recorder);
-  printGrowthTable(out, recorder);
+void TimeSummary::print(std::ostream& out) const {
+  printSearchTable(out, *this);
+  printGrowthTable(out, *this);
   printMemoryTable(out);
-  benchmark::Shutdown();
-  return 0;
 }
+
+KivBench::ProgramRegistrar const program(
+    {.registerBenchmarks = &registerAll, .summary = &KivBench::makeSummary<TimeSummary>});
+
+}  // namespace

@@ -13,7 +13,7 @@
 //
 // The table at the end gives nanoseconds per operation, the heap's and the clock's cost as
 // multiples of the wheel's, and each queue's cost at 1M as a multiple of its cost at 10K.
-#include "../ForwardingReporter.h"
+#include "../BenchMain.h"
 
 #include <Kiv/HTimerWheel.h>
 
@@ -24,9 +24,9 @@
 #include <benchmark/benchmark.h>
 
 #include <algorithm>
-#include <cstdio>
 #include <map>
 #include <memory>
+#include <ostream>
 #include <random>
 #include <string>
 #include <tuple>
@@ -301,29 +301,30 @@ void registerQueue(char const* name) {
 }
 
 // Keeps every run's time per operation for the table.
-class TableReporter : public KivBench::ForwardingReporter {
+class TableSummary : public KivBench::Summary {
   using Key = std::tuple<std::string, unsigned long, std::string>;  // operation, timers, queue
 
 public:
-  using ForwardingReporter::ForwardingReporter;
+  using Summary::Summary;
 
-  void printTable() const {
-    std::printf("\n%-10s %8s %10s %10s %10s %11s %11s\n", "operation", "timers", "wheel ns",
-                "heap ns", "clock ns", "heap/wheel", "clock/wheel");
+  void print(std::ostream& out) const override {
+    KivBench::print(out, "\n%-10s %8s %10s %10s %10s %11s %11s\n", "operation", "timers",
+                    "wheel ns", "heap ns", "clock ns", "heap/wheel", "clock/wheel");
     for (char const* op : {"armDisarm", "timeout", "move", "postpone", "expire"}) {
       for (U32 n : sizes) {
         double const w = at(op, n, "wheel"), h = at(op, n, "heap"), c = at(op, n, "clock");
-        std::printf("%-10s %8u %10.1f %10.1f %10.1f %10.2fx %10.2fx\n", op, n, w, h, c, h / w,
-                    c / w);
+        KivBench::print(out, "%-10s %8u %10.1f %10.1f %10.1f %10.2fx %10.2fx\n", op, n, w, h, c,
+                        h / w, c / w);
       }
     }
-    std::printf("\nCost at 1M timers as a multiple of the cost at 10K:\n");
+    out << "\nCost at 1M timers as a multiple of the cost at 10K:\n";
     for (char const* op : {"armDisarm", "timeout", "move", "postpone", "expire"}) {
-      std::printf("%-10s", op);
+      KivBench::print(out, "%-10s", op);
       for (char const* queue : {"wheel", "heap", "clock"}) {
-        std::printf("   %s %5.2fx", queue, at(op, sizes[2], queue) / at(op, sizes[0], queue));
+        KivBench::print(out, "   %s %5.2fx", queue,
+                        at(op, sizes[2], queue) / at(op, sizes[0], queue));
       }
-      std::printf("\n");
+      out << '\n';
     }
   }
 
@@ -346,20 +347,20 @@ private:
   std::map<Key, double> nanoseconds_;
 };
 
-}  // namespace
-
-int main(int argc, char** argv) {
-  benchmark::Initialize(&argc, argv);
-  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
+void registerQueues() {
   registerQueue<WheelQueue>("wheel");
   registerQueue<HeapQueue>("heap");
   registerQueue<ClockQueue>("clock");
-  std::unique_ptr<benchmark::BenchmarkReporter> display(benchmark::CreateDefaultDisplayReporter());
-  TableReporter reporter(*display);
-  benchmark::RunSpecifiedBenchmarks(&reporter);
-  liveDel();
-  reporter.printTable();
-  benchmark::Shutdown();
-  Zel::System::virtualTimeDel();
-  return 0;
 }
+
+// The last queue's timers go before the process ends, and virtual time with them.
+void finish() {
+  liveDel();
+  Zel::System::virtualTimeDel();
+}
+
+KivBench::ProgramRegistrar const program({.registerBenchmarks = &registerQueues,
+                                           .summary = &KivBench::makeSummary<TableSummary>,
+                                           .finish = &finish});
+
+}  // namespace

@@ -10,7 +10,7 @@
 // the same limit (the aim: no growth with the number of workers, i.e. cost per transaction
 // linear in it) and eight synchronous workers at the same limit for the time-sliced mode (the
 // aim: within 2x).
-#include "../ForwardingReporter.h"
+#include "../BenchMain.h"
 
 #include <Kiv/XactLib.h>
 
@@ -20,8 +20,8 @@
 #include <benchmark/benchmark.h>
 
 #include <cstdio>
-#include <iostream>
 #include <map>
+#include <ostream>
 #include <string>
 #include <tuple>
 #include <vector>
@@ -117,23 +117,21 @@ BENCHMARK(transactions)
 
 // Keeps each benchmark's median CPU time per iteration over its repetitions (the machine may be
 // shared), then prints the ratios the aims are about.
-class RatioReporter : public KivBench::ForwardingReporter {
+class RatioSummary : public KivBench::Summary {
 public:
-  using ForwardingReporter::ForwardingReporter;
+  using Summary::Summary;
 
-  void printRatios(std::ostream& out) const {
+  void print(std::ostream& out) const override {
     out << "\nCPU time per transaction per worker (ns) and its ratio to the baseline:\n"
         << "  mode    limit  workers  ns/xact/worker  baseline                  ratio\n";
     for (auto const& [key, ns] : perXactWorker_) {
       auto const& [sliced, limit, workers] = key;
       auto const baseline = perXactWorker_.find({0, limit, sliced ? 8 : 1});
       if (baseline == perXactWorker_.end()) continue;
-      char line[160];
-      std::snprintf(line, sizeof line, "  %-6s %6ld %8ld %15.1f  %-24s %6.2fx\n",
-                    sliced ? "sliced" : "sync", limit, workers, ns,
-                    sliced ? "8 sync workers, same limit" : "1 sync worker, same limit",
-                    ns / baseline->second);
-      out << line;
+      KivBench::print(out, "  %-6s %6ld %8ld %15.1f  %-24s %6.2fx\n", sliced ? "sliced" : "sync",
+                      limit, workers, ns,
+                      sliced ? "8 sync workers, same limit" : "1 sync worker, same limit",
+                      ns / baseline->second);
     }
   }
 
@@ -149,21 +147,9 @@ private:
   std::map<std::tuple<long, long, long>, double> perXactWorker_;  // (sliced, limit, workers)
 };
 
-}  // namespace
+// Interleaving is the default here; a flag given on the command line still wins.
+KivBench::ProgramRegistrar const program(
+    {.summary = &KivBench::makeSummary<RatioSummary>,
+     .defaultFlags = {"--benchmark_enable_random_interleaving=true"}});
 
-int main(int argc, char** argv) {
-  // Interleaving is the default here; a flag given on the command line still wins.
-  std::vector<char*> args(argv, argv + argc);
-  char interleave[] = "--benchmark_enable_random_interleaving=true";
-  args.insert(args.begin() + 1, interleave);
-  int count = static_cast<int>(args.size());
-  benchmark::Initialize(&count, args.data());
-  if (benchmark::ReportUnrecognizedArguments(count, args.data())) return 1;
-  benchmark::BenchmarkReporter* display = benchmark::CreateDefaultDisplayReporter();
-  RatioReporter reporter(*display);
-  benchmark::RunSpecifiedBenchmarks(&reporter);
-  bool const console = dynamic_cast<benchmark::ConsoleReporter*>(display) != nullptr;
-  reporter.printRatios(console ? std::cout : std::cerr);
-  benchmark::Shutdown();
-  return 0;
-}
+}  // namespace

@@ -1,17 +1,14 @@
-// The entry point of kiv-bench-runtime: runs the benchmarks as benchmark_main would, then prints
-// each one's time as a ratio to the baseline of its group, measured in the same run.
+// kiv-bench-runtime's summary: after the run, each benchmark's time as a ratio to the baseline of
+// its group, measured in the same run.
 //
 // A benchmark named "<group>/<variant>" belongs to <group>; the variant whose name starts with
-// "baseline" is the group's baseline. The build links libbenchmark_main.a to every benchmark
-// executable; since this file defines main, the linker never pulls that archive's main in.
-#include "../ForwardingReporter.h"
+// "baseline" is the group's baseline.
+#include "../BenchMain.h"
 
 #include <benchmark/benchmark.h>
 
 #include <algorithm>
-#include <cstdio>
-#include <iostream>
-#include <map>
+#include <ostream>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -20,12 +17,12 @@ namespace {
 
 // Keeps each benchmark's CPU time per iteration: the run's own, or with --benchmark_repetitions
 // the median of the runs.
-class RatioReporter : public KivBench::ForwardingReporter {
+class RatioSummary : public KivBench::Summary {
 public:
-  using ForwardingReporter::ForwardingReporter;
+  using Summary::Summary;
 
   // Prints one line per non-baseline benchmark whose group has a baseline that ran.
-  void printRatios(std::ostream& out) const;
+  void print(std::ostream& out) const override;
 
 private:
   struct Measured {
@@ -40,7 +37,7 @@ private:
   std::vector<Measured> measured_;  // in the order the benchmarks ran
 };
 
-void RatioReporter::record(Run const& run) {
+void RatioSummary::record(Run const& run) {
   std::string const name = run.run_name.str();
   std::size_t const slash = name.find('/');
   if (slash == std::string::npos) return;
@@ -56,14 +53,14 @@ void RatioReporter::record(Run const& run) {
   }
 }
 
-RatioReporter::Measured const* RatioReporter::baselineOf(std::string const& group) const {
+RatioSummary::Measured const* RatioSummary::baselineOf(std::string const& group) const {
   for (Measured const& m : measured_) {
     if (m.group == group && std::string_view(m.variant).starts_with("baseline")) return &m;
   }
   return nullptr;
 }
 
-void RatioReporter::printRatios(std::ostream& out) const {
+void RatioSummary::print(std::ostream& out) const {
   std::size_t width = 0;
   for (Measured const& m : measured_) width = std::max(width, m.group.size() + 1 + m.variant.size());
   bool headerDone = false;
@@ -74,27 +71,13 @@ void RatioReporter::printRatios(std::ostream& out) const {
       out << "\nRatio to the group's baseline (CPU time per iteration, this run):\n";
       headerDone = true;
     }
-    char line[512];
-    std::snprintf(line, sizeof line, "%-*s %9.2f ns   %-*s %9.2f ns   %7.2fx\n", int(width),
-                  (m.group + "/" + m.variant).c_str(), m.nanoseconds, int(width),
-                  (baseline->group + "/" + baseline->variant).c_str(), baseline->nanoseconds,
-                  m.nanoseconds / baseline->nanoseconds);
-    out << line;
+    KivBench::print(out, "%-*s %9.2f ns   %-*s %9.2f ns   %7.2fx\n", int(width),
+                    (m.group + "/" + m.variant).c_str(), m.nanoseconds, int(width),
+                    (baseline->group + "/" + baseline->variant).c_str(), baseline->nanoseconds,
+                    m.nanoseconds / baseline->nanoseconds);
   }
 }
 
-}  // namespace
+KivBench::ProgramRegistrar const program({.summary = &KivBench::makeSummary<RatioSummary>});
 
-int main(int argc, char** argv) {
-  benchmark::Initialize(&argc, argv);
-  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
-  // The library owns the default display reporter (it honours --benchmark_format).
-  benchmark::BenchmarkReporter* display = benchmark::CreateDefaultDisplayReporter();
-  RatioReporter reporter(*display);
-  benchmark::RunSpecifiedBenchmarks(&reporter);
-  // Keeps machine-readable formats on standard output parseable.
-  bool const console = dynamic_cast<benchmark::ConsoleReporter*>(display) != nullptr;
-  reporter.printRatios(console ? std::cout : std::cerr);
-  benchmark::Shutdown();
-  return 0;
-}
+}  // namespace
