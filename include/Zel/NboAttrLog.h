@@ -1,17 +1,22 @@
 // The attribute-log form: values written field by field in network byte order, each at its
 // declared width. Out appends to a byte buffer; In reads from one and refuses to read past its
-// end with RangeException "Attribute log ended early".
+// end with RangeException "Attribute log ended early". In takes only what Out writes: a bool is
+// the byte 0 or 1, an enumeration with named enumerators the number of one of them; anything else
+// is refused with RangeException "Error deserializing <type>", since it would not write the same
+// bytes back (nor, for an enumeration, print a form that parses).
 #pragma once
 
 #include <Zel/Name.h>
 #include <Zel/String.h>
 #include <Zel/Types.h>
 
+#include <algorithm>
 #include <bit>
 #include <cstddef>
 #include <cstring>
 #include <span>
 #include <string>
+#include <string_view>
 #include <type_traits>
 #include <vector>
 
@@ -63,6 +68,8 @@ public:
   explicit In(std::span<U8 const> bytes) noexcept : at_(bytes.data()), end_(at_ + bytes.size()) {}
 
   std::size_t remaining() const noexcept { return std::size_t(end_ - at_); }
+  // Throws the refusal of a value of `typeName` that no writer writes.
+  [[noreturn]] static void refused(std::string_view typeName);
 
   template <class T>
     requires std::is_integral_v<T>
@@ -102,6 +109,10 @@ template <class E>
 In& operator>>(In& in, E& value) {
   std::underlying_type_t<E> raw;
   in >> raw;
+  if constexpr (requires { zelEnumInfo(E{}).names; }) {
+    auto const named = [&](auto const& entry) { return entry.first == static_cast<E>(raw); };
+    if (std::ranges::none_of(zelEnumInfo(E{}).names, named)) In::refused(zelEnumInfo(E{}).typeName);
+  }
   value = static_cast<E>(raw);
   return in;
 }

@@ -12,10 +12,15 @@ Out& Out::operator<<(std::string_view value) {
 
 void In::endedEarly() { throw RangeException("Attribute log ended early"); }
 
+void In::refused(std::string_view typeName) {
+  throw RangeException("Error deserializing " + std::string(typeName));
+}
+
 In& In::operator>>(bool& value) {
   U8 byte;
   *this >> byte;
-  value = byte != 0;
+  if (byte > 1) refused("bool");
+  value = byte == 1;
   return *this;
 }
 
