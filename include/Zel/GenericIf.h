@@ -18,16 +18,25 @@
 // that GenericIf::type() can find it by name. Operations the attribute's kind forbids (writing a
 // constructor parameter or a computed attribute, deleting without a delete mutator) throw
 // OperationNotSupportedException.
+//
+// A record also describes the type of each attribute, so that a tool can choose constructor
+// arguments for a class it does not know, and a value type's record runs the round trips that its
+// string form and attribute log promise, so that one test and one fuzzer check every registered
+// value type without knowing any of them.
 #pragma once
 
+#include <Zel/AllocTrack.h>
 #include <Zel/Exception.h>
+#include <Zel/NboAttrLog.h>
 #include <Zel/Ptr.h>
 #include <Zel/Strep.h>
 #include <Zel/Value.h>
 
+#include <algorithm>
 #include <any>
 #include <functional>
 #include <memory>
+#include <span>
 #include <string>
 #include <string_view>
 #include <tuple>
@@ -54,9 +63,31 @@ constexpr auto zelEnumInfo(AttributeKind) {
                                   {AttributeKind::field, "field"}});
 }
 
+// What an attribute holds; `entity` is a pointer to an entity.
+enum class TypeKind { number, boolean, text, enumeration, value, entity, other };
+constexpr auto zelEnumInfo(TypeKind) {
+  return enumInfo<TypeKind>("Zel::TypeKind", {{TypeKind::number, "number"},
+                                              {TypeKind::boolean, "boolean"},
+                                              {TypeKind::text, "text"},
+                                              {TypeKind::enumeration, "enumeration"},
+                                              {TypeKind::value, "value"},
+                                              {TypeKind::entity, "entity"},
+                                              {TypeKind::other, "other"}});
+}
+
 class GenericIf {
 public:
   using Entries = std::vector<std::pair<String, String>>;
+
+  // The type of an attribute's values or keys: its kind, its name ("U32", "Kiv::Seqno32", an
+  // enumeration's name; for a pointer, the record name of the class pointed to, or its C++ name
+  // when it has no record) and the string form of its default value (empty when the type has no
+  // string form).
+  struct Type {
+    TypeKind kind = TypeKind::other;
+    std::string name;
+    String defaultStrep;
+  };
 
   struct Attribute {
     Attribute(std::string attributeName, AttributeKind attributeKind)
@@ -64,8 +95,13 @@ public:
 
     std::string name;
     AttributeKind kind;
+    // The type of the attribute (of a collection, of its entries) and of a collection's keys.
+    Type type;
+    Type key;
     // Entities pass a PtrInterface, value types their own object; each operation casts back.
     std::function<String(void const*)> read;
+    // Whether a text parses, in the attribute's type, to the value that the accessor returns.
+    std::function<bool(void const*, String const&)> holds;
     std::function<void(void*, String const&)> write;
     std::function<void(void*)> erase;
     std::function<Entries(void const*)> entries;
@@ -74,7 +110,16 @@ public:
     std::function<void(void*, String const&)> entryDel;
   };
 
-  GenericIf(std::string name, bool isValueType) : name_(std::move(name)), isValueType_(isValueType) {}
+  // A value type's operations on its own values; a record written by hand may lack some.
+  struct ValueForms {
+    std::function<String()> defaultStrep;
+    std::function<String(String const&)> strep;
+    std::function<std::string(std::string_view)> strepRoundTripFault;
+    std::function<std::string(std::span<U8 const>)> logRoundTripFault;
+  };
+
+  GenericIf(std::string name, bool isValueType)
+      : name_(std::move(name)), isValueType_(isValueType) {}
 
   // The record registered under a full type name ("Kiv::Xact"), or null.
   static GenericIf const* type(std::string_view name);
@@ -95,6 +140,10 @@ public:
   String attributeValue(PtrInterface const& object, std::string_view name) const;
   void attributeValueIs(PtrInterface& object, std::string_view name, String const& text) const;
   void attributeDel(PtrInterface& object, std::string_view name) const;
+  // Whether `text` parses to the value that the accessor of `name` returns, checked with the
+  // type's own equality: how a tool confirms that a row reads what the class holds. Throws
+  // RangeException when the text does not parse.
+  bool attributeHolds(PtrInterface const& object, std::string_view name, String const& text) const;
   // Collections: every (key, value) in the collection's order, one entry, insert, remove.
   Entries attributeEntries(PtrInterface const& object, std::string_view name) const;
   String attributeEntry(PtrInterface const& object, std::string_view name, String const& key) const;
@@ -103,19 +152,34 @@ public:
   void attributeEntryDel(PtrInterface& object, std::string_view name, String const& key) const;
 
   // Calls the factory with `args` in constructor-parameter order. Each argument is either the
-  // parameter's own type or its string form, as a String or a char const*.
+  // parameter's own type or its string form, as a String or a char const*; a pointer parameter
+  // also takes a Ptr<PtrInterface> to an object of its class, or a null one.
   Ptr<PtrInterface> genericIfFromCtorArgs(std::vector<std::any> const& args) const;
 
+  // Value types: the string form of the default value.
+  String defaultStrep() const;
   // Value types: parses `text` and prints the value back in its string form.
   String valueStrep(String const& text) const;
+  // Value types: checks what the forms promise on the value that `text` parses to. Its attribute
+  // log reads back, all of it, to an equal value that writes the same bytes. Its string form
+  // parses to a value that prints the same, and which in turn parses back to itself and gives
+  // its log back (several values may print alike: a form may show less than a value holds).
+  // A value that is not equal to itself (it holds a NaN) is held to its texts and bytes only.
+  // Returns the first broken promise, described, or an empty string; throws RangeException when
+  // the type refuses `text`.
+  std::string strepRoundTripFault(std::string_view text) const;
+  // Value types: the same checks on the value that `log` starts with, which must also write the
+  // bytes it was read from. Throws RangeException when the type refuses the log.
+  std::string logRoundTripFault(std::span<U8 const> log) const;
 
-  // Filled in by registerType<T>().
+  // Filled in by registerType<T>(), or by hand for a type that the field tables cannot describe.
   void attributeIs(Attribute attribute) { attributes_.push_back(std::move(attribute)); }
   void constructorIs(std::function<Ptr<PtrInterface>(std::vector<std::any> const&)> make) {
     construct_ = std::move(make);
   }
+  void valueFormsIs(ValueForms forms) { forms_ = std::move(forms); }
   void valueStrepIs(std::function<String(String const&)> normalize) {
-    normalize_ = std::move(normalize);
+    forms_.strep = std::move(normalize);
   }
 
 private:
@@ -125,13 +189,20 @@ private:
     if (!f) unsupported(operationName, name);
     return f;
   }
+  [[noreturn]] void unsupported(std::string_view operation) const;
+  template <class F>
+  F const& typeOperation(F const& f, std::string_view operationName) const {
+    if (!f) unsupported(operationName);
+    return f;
+  }
   void const* object(PtrInterface const& object) const;
+  std::string fault(std::string const& found) const;
 
   std::string name_;
   bool isValueType_;
   std::vector<Attribute> attributes_;
   std::function<Ptr<PtrInterface>(std::vector<std::any> const&)> construct_;
-  std::function<String(String const&)> normalize_;
+  ValueForms forms_;
 };
 
 // ---- Attribute descriptors of entities --------------------------------------------------------
@@ -226,19 +297,97 @@ T& self(void* object) {
 }
 
 template <class V>
+struct PointerTo {
+  static constexpr bool value = false;
+};
+template <class T>
+struct PointerTo<Ptr<T>> {
+  static constexpr bool value = true;
+  using Class = std::remove_const_t<T>;
+};
+
+// The record name of class C, or its C++ name when it has no record. The name is taken from the
+// declaration rather than the registry, since a record may point to its own class.
+template <class C>
+std::string className() {
+  if constexpr (ReflectedEntity<C>) {
+    return C::zelAttributes().typeName;
+  } else {
+    return demangledName(typeid(C));
+  }
+}
+
+template <class V>
 V argument(std::any const& arg) {
   if (auto const* direct = std::any_cast<V>(&arg)) return *direct;
+  if constexpr (PointerTo<V>::value) {
+    if (auto const* object = std::any_cast<Ptr<PtrInterface>>(&arg)) {
+      auto* const raw = dynamic_cast<typename V::element_type*>(object->ptr());
+      if (raw || !*object) return V(raw);
+    }
+    throw RangeException("Generic argument is not a " + className<typename PointerTo<V>::Class>());
+  }
   if constexpr (Parsable<V>) {
     if (auto const* text = std::any_cast<String>(&arg)) return strepToValue<V>(text->view());
     if (auto const* text = std::any_cast<char const*>(&arg)) return strepToValue<V>(*text);
   }
-  throw RangeException("Generic argument is neither " + strepTypeName<V>() + " nor its string form");
+  throw RangeException("Generic argument is neither " + strepTypeName<V>() +
+                       " nor its string form");
+}
+
+template <class V>
+constexpr TypeKind typeKindOf() {
+  if constexpr (std::is_same_v<V, bool>) {
+    return TypeKind::boolean;
+  } else if constexpr (std::is_arithmetic_v<V>) {
+    return TypeKind::number;
+  } else if constexpr (std::is_same_v<V, String> || std::is_same_v<V, Name>) {
+    return TypeKind::text;
+  } else if constexpr (EnumType<V>) {
+    return TypeKind::enumeration;
+  } else if constexpr (requires { V::zelTypeName(); }) {
+    return TypeKind::value;
+  } else if constexpr (PointerTo<V>::value) {
+    return TypeKind::entity;
+  } else {
+    return TypeKind::other;
+  }
+}
+
+template <class V>
+GenericIf::Type typeOf() {
+  GenericIf::Type type;
+  type.kind = typeKindOf<V>();
+  if constexpr (PointerTo<V>::value) {
+    type.name = className<typename PointerTo<V>::Class>();
+  } else if constexpr (typeKindOf<V>() == TypeKind::other) {
+    type.name = demangledName(typeid(V));
+  } else {
+    type.name = strepTypeName<V>();
+  }
+  if constexpr (Parsable<V>) type.defaultStrep = valueToStrep(V{});
+  return type;
+}
+
+// Equal by the type's own equality; a value that is not equal to itself (it holds a NaN) is the
+// same as another that prints alike.
+template <class V>
+bool sameValue(V const& a, V const& b) {
+  if (a == b) return true;
+  return !(b == b) && valueToStrep(a) == valueToStrep(b);
 }
 
 template <class T, class Get>
 GenericIf::Attribute readOnly(char const* name, AttributeKind kind, Get get) {
+  using V = std::remove_cvref_t<std::invoke_result_t<Get, T const&>>;
   GenericIf::Attribute a{name, kind};
+  a.type = typeOf<V>();
   a.read = [get](void const* o) { return valueToStrep(std::invoke(get, self<T>(o))); };
+  if constexpr (Parsable<V>) {
+    a.holds = [get](void const* o, String const& text) {
+      return sameValue(strepToValue<V>(text.view()), V(std::invoke(get, self<T>(o))));
+    };
+  }
   return a;
 }
 
@@ -268,6 +417,8 @@ GenericIf::Attribute describe(CollectionAttr<Member, Set, Del, DelAll> const& d)
   using K = typename Map::key_type;
   using V = typename Map::mapped_type;
   GenericIf::Attribute a{d.name, AttributeKind::collection};
+  a.type = typeOf<V>();
+  a.key = typeOf<K>();
   auto member = d.member;
   a.entries = [member](void const* o) {
     GenericIf::Entries out;
@@ -296,7 +447,8 @@ GenericIf::Attribute describe(CollectionAttr<Member, Set, Del, DelAll> const& d)
 }
 
 template <class T, class Factory, class CtorParams, class... A>
-std::unique_ptr<GenericIf> entityRecord(EntityAttributes<T, Factory, CtorParams, A...> const& declared) {
+std::unique_ptr<GenericIf> entityRecord(
+    EntityAttributes<T, Factory, CtorParams, A...> const& declared) {
   auto record = std::make_unique<GenericIf>(declared.typeName, false);
   std::apply(
       [&](auto const&... p) {
@@ -318,16 +470,107 @@ std::unique_ptr<GenericIf> entityRecord(EntityAttributes<T, Factory, CtorParams,
   return record;
 }
 
+// The hexadecimal bytes of an attribute log, for fault descriptions.
+std::string logText(std::span<U8 const> log);
+
+template <class T>
+std::vector<U8> logOf(T const& value) {
+  NboAttrLog::Out out;
+  out << value;
+  return out.bytes();
+}
+
+// The string form of `value` parses, into `back`, to a value that prints the same.
+template <class T>
+std::string strepFault(T const& value, T& back) {
+  String const text = valueToStrep(value);
+  try {
+    back = strepToValue<T>(text.view());
+  } catch (RangeException const& e) {
+    return "its string form is refused: " + std::string(e.what());
+  }
+  String const again = valueToStrep(back);
+  return again == text ? "" : "its string form parses back as " + again.str();
+}
+
+// The attribute log of `value` reads back, all of it, to an equal value written alike.
+template <class T>
+std::string logFault(T const& value) {
+  std::vector<U8> const log = logOf(value);
+  T back{};
+  NboAttrLog::In in(log);
+  try {
+    in >> back;
+  } catch (RangeException const& e) {
+    return "its attribute log " + logText(log) + " is refused: " + e.what();
+  }
+  if (in.remaining() != 0) return "its attribute log " + logText(log) + " is read only in part";
+  if (value == value && !(back == value)) {
+    return "its attribute log " + logText(log) + " reads back as " + valueToStrep(back).str();
+  }
+  std::vector<U8> const again = logOf(back);
+  if (again == log) return {};
+  return "its attribute log " + logText(log) + " reads back as a value written " + logText(again);
+}
+
+// The promises of both forms, for a value that was parsed or read. Its log gives it back. Its
+// string form parses to a value that prints the same; several values may print alike (a form
+// may show less than the value holds), so the value parsed is the one held to parse back to
+// itself and to give its log back.
+template <class T>
+std::string formsFault(T const& value) {
+  if constexpr (Loggable<T>) {
+    if (std::string fault = logFault(value); !fault.empty()) return fault;
+  }
+  if constexpr (Parsable<T>) {
+    T parsed{};
+    T again{};
+    if (std::string fault = strepFault(value, parsed); !fault.empty()) return fault;
+    if (std::string fault = strepFault(parsed, again); !fault.empty()) return fault;
+    if (parsed == parsed && !(again == parsed)) {
+      return "its string form parses to a value that does not parse back to itself";
+    }
+    if constexpr (Loggable<T>) return logFault(parsed);
+  }
+  return {};
+}
+
+template <class T>
+std::string strepRoundTripFault(std::string_view text) {
+  T const value = strepToValue<T>(text);
+  std::string const fault = formsFault(value);
+  return fault.empty() ? fault : valueToStrep(value).str() + ": " + fault;
+}
+
+// A value read from a log must also write the bytes it was read from.
+template <class T>
+std::string logRoundTripFault(std::span<U8 const> log) {
+  T value{};
+  NboAttrLog::In in(log);
+  in >> value;
+  auto const read = log.first(log.size() - in.remaining());
+  std::string fault;
+  if (!std::ranges::equal(logOf(value), read)) {
+    fault = "read from " + logText(read) + ", it is written " + logText(logOf(value));
+  }
+  if (fault.empty()) fault = formsFault(value);
+  return fault.empty() ? fault : valueToStrep(value).str() + ": " + fault;
+}
+
 template <ValueType T>
 std::unique_ptr<GenericIf> valueRecord() {
   auto record = std::make_unique<GenericIf>(T::zelFields().typeName, true);
   forEachField<T>([&](auto const& f) {
     record->attributeIs(readOnly<T>(f.name, AttributeKind::field, f.get));
   });
+  GenericIf::ValueForms forms;
+  forms.defaultStrep = [] { return valueToStrep(T{}); };
   if constexpr (Parsable<T>) {
-    record->valueStrepIs(
-        [](String const& text) { return valueToStrep(strepToValue<T>(text.view())); });
+    forms.strep = [](String const& text) { return valueToStrep(strepToValue<T>(text.view())); };
+    forms.strepRoundTripFault = &strepRoundTripFault<T>;
   }
+  if constexpr (Loggable<T>) forms.logRoundTripFault = &logRoundTripFault<T>;
+  record->valueFormsIs(std::move(forms));
   return record;
 }
 

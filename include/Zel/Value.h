@@ -174,6 +174,14 @@ void printStrep(std::string& out, T const& value) {
 template <class V>
 concept Parsable = requires(V* v, char const* p) { sequenceToValue(p, p, v); };
 
+// Whether V has an attribute-log form (pointers and other handles do not, nor value types with
+// such a field).
+template <class V>
+concept Loggable = requires(NboAttrLog::Out& out, NboAttrLog::In& in, V& value) {
+  out << value;
+  in >> value;
+};
+
 // Runs T's cross-field check, if it declares one.
 template <ValueType T>
 void validate(T const& value) {
@@ -184,6 +192,13 @@ template <ValueType T>
 constexpr bool fieldsParsable() {
   return []<std::size_t... I>(std::index_sequence<I...>) {
     return (Parsable<FieldType<T, FieldAt<T, I>>> && ...);
+  }(std::make_index_sequence<T::zelFields().size>());
+}
+
+template <ValueType T>
+constexpr bool fieldsLoggable() {
+  return []<std::size_t... I>(std::index_sequence<I...>) {
+    return (Loggable<FieldType<T, FieldAt<T, I>>> && ...);
   }(std::make_index_sequence<T::zelFields().size>());
 }
 
@@ -231,13 +246,15 @@ char const* sequenceToValue(char const* begin, char const* end, T* out) {
 namespace Zel::NboAttrLog {
 
 template <ValueType T>
+  requires(fieldsLoggable<T>())
 Out& operator<<(Out& out, T const& value) {
   forEachField<T>([&](auto const& f) { out << std::invoke(f.get, value); });
   return out;
 }
 
-// Reads every field before storing any, so a short log leaves `value` unchanged.
+// Reads every field before storing any, so a short or refused log leaves `value` unchanged.
 template <ValueType T>
+  requires(fieldsLoggable<T>())
 In& operator>>(In& in, T& value) {
   T read{};
   forEachField<T>([&](auto const& f) {

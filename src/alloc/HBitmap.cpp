@@ -2,6 +2,7 @@
 
 #include <Zel/Assert.h>
 #include <Zel/Bits.h>
+#include <Zel/GenericIf.h>
 #include <Zel/Strep.h>
 #include <Zel/Trace.h>
 
@@ -27,6 +28,8 @@ constexpr U64 allOnes = ~U64{0};
 using BitState = HBitmap::BitState;
 using IndexPreference = HBitmap::IndexPreference;
 using LogicalOp = HBitmap::LogicalOp;
+
+Zel::TypeRegistration<HBitmap> const registration;
 
 // Words for `bits` bits, computed in 64 bits so that 2^32 - 1 bits round up without wrapping.
 constexpr U32 wordsFor(U64 bits) { return static_cast<U32>((bits + 63) / 64); }

@@ -1,11 +1,16 @@
 #include <Zel/Exception.h>
 #include <Zel/FileDescriptor.h>
+#include <Zel/GenericIf.h>
 
 #include <fcntl.h>
 
 #include <cerrno>
 
 namespace Zel {
+
+namespace {
+TypeRegistration<FileDescriptor> const registration;
+}  // namespace
 
 Ptr<FileDescriptor> fileDescriptorFactory(Name const& name) {
   return allocate<FileDescriptor>(name);

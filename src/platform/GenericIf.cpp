@@ -2,6 +2,7 @@
 #include <Zel/Assert.h>
 #include <Zel/GenericIf.h>
 
+#include <cstdio>
 #include <map>
 #include <mutex>
 #include <typeinfo>
@@ -68,6 +69,10 @@ void GenericIf::unsupported(std::string_view operation, std::string_view attribu
                                        "::" + std::string(attribute));
 }
 
+void GenericIf::unsupported(std::string_view operation) const {
+  throw OperationNotSupportedException(std::string(operation) + " not supported for " + name_);
+}
+
 void const* GenericIf::object(PtrInterface const& object) const {
   GenericIf const* actual = object.fwkType();
   if (actual != this) {
@@ -89,6 +94,11 @@ void GenericIf::attributeDel(PtrInterface& o, std::string_view name) const {
   operation(attribute(name).erase, "Delete", name)(const_cast<void*>(object(o)));
 }
 
+bool GenericIf::attributeHolds(PtrInterface const& o, std::string_view name,
+                               String const& text) const {
+  return operation(attribute(name).holds, "Comparison", name)(object(o), text);
+}
+
 GenericIf::Entries GenericIf::attributeEntries(PtrInterface const& o, std::string_view name) const {
   return operation(attribute(name).entries, "Iteration", name)(object(o));
 }
@@ -108,13 +118,41 @@ void GenericIf::attributeEntryDel(PtrInterface& o, std::string_view name, String
 }
 
 Ptr<PtrInterface> GenericIf::genericIfFromCtorArgs(std::vector<std::any> const& args) const {
-  if (!construct_) throw OperationNotSupportedException("Construction not supported for " + name_);
-  return construct_(args);
+  return typeOperation(construct_, "Construction")(args);
+}
+
+String GenericIf::defaultStrep() const {
+  return typeOperation(forms_.defaultStrep, "Default value")();
 }
 
 String GenericIf::valueStrep(String const& text) const {
-  if (!normalize_) throw OperationNotSupportedException("String form not supported for " + name_);
-  return normalize_(text);
+  return typeOperation(forms_.strep, "String form")(text);
 }
+
+std::string GenericIf::strepRoundTripFault(std::string_view text) const {
+  return fault(typeOperation(forms_.strepRoundTripFault, "String form round trip")(text));
+}
+
+std::string GenericIf::logRoundTripFault(std::span<U8 const> log) const {
+  return fault(typeOperation(forms_.logRoundTripFault, "Attribute log round trip")(log));
+}
+
+std::string GenericIf::fault(std::string const& found) const {
+  return found.empty() ? found : name_ + " " + found;
+}
+
+namespace detail {
+
+std::string logText(std::span<U8 const> log) {
+  std::string text = "[";
+  for (U8 byte : log) {
+    char hex[4];
+    std::snprintf(hex, sizeof hex, " %02x", unsigned(byte));
+    text += hex;
+  }
+  return text + " ]";
+}
+
+}  // namespace detail
 
 }  // namespace Zel

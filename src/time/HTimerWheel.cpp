@@ -2,6 +2,7 @@
 
 #include <Zel/Assert.h>
 #include <Zel/Exception.h>
+#include <Zel/GenericIf.h>
 #include <Zel/System.h>
 #include <Zel/Trace.h>
 
@@ -15,6 +16,8 @@ namespace Kiv {
 namespace {
 
 using Notifiee = TimerWheel::NotifieeConst;
+
+Zel::TypeRegistration<BucketSize> const registration;
 
 // Traces name a timer by its address.
 constexpr auto trace = Zel::traceHandle<"HTimerWheel">;

@@ -1,18 +1,58 @@
 // Reflection by name: finding records, reading and writing attributes through their string
-// forms (writes go through the mutators, so they notify), collections, and construction from
-// generic arguments.
+// forms (writes go through the mutators, so they notify), collections, construction from
+// generic arguments, the description of each attribute's type, and the round trips that value
+// records run.
 #include "Model.h"
 
 #include <any>
+#include <cmath>
 
 namespace Kiv::Test {
 namespace {
+
+class Twig;
+Zel::Ptr<Twig> twigFactory(Zel::Ptr<Leaf const> leaf);
+
+// An entity made from a pointer to another.
+class Twig : public Zel::PtrInterface {
+public:
+  Zel::Ptr<Leaf const> const& leaf() const { return leaf_; }
+  static auto zelAttributes() {
+    return Zel::entityAttributes<Twig>("Kiv::Test::Twig", &twigFactory,
+                                       Zel::ctorParams(Zel::ctorParam("leaf", &Twig::leaf)));
+  }
+
+protected:
+  explicit Twig(Zel::Ptr<Leaf const> leaf) : leaf_(std::move(leaf)) {}
+
+private:
+  Zel::Ptr<Leaf const> leaf_;
+};
+
+Zel::Ptr<Twig> twigFactory(Zel::Ptr<Leaf const> leaf) { return Zel::allocate<Twig>(leaf); }
+
+// A value type whose mutator changes what it is given, so that a log of a larger number reads
+// as a value that writes another log. Its record is not registered: the registry holds sound
+// types only.
+class Clamped : public Zel::Value<Clamped> {
+public:
+  U32 value() const { return value_; }
+  void valueIs(U32 v) { value_ = std::min(v, 255u); }
+  static constexpr auto zelFields() {
+    return Zel::valueFields("Kiv::Test::Clamped",
+                            Zel::field("value", &Clamped::value, &Clamped::valueIs));
+  }
+
+private:
+  U32 value_ = 0;
+};
 
 class Reflection : public testing::Test {
 protected:
   Zel::GenericIf const& leafType = Zel::registerType<Leaf>();
   Zel::GenericIf const& treeType = Zel::registerType<Tree>();
   Zel::GenericIf const& recordType = Zel::registerType<Record>();
+  Zel::GenericIf const& twigType = Zel::registerType<Twig>();
   Events events;
 };
 
@@ -86,6 +126,83 @@ TEST_F(Reflection, ConstructsEntitiesFromGenericArguments) {
               ThrowsMessage<Zel::RangeException>(
                   "Generic argument is neither U32 nor its string form"));
   EXPECT_EQ(leaves.live(), live);
+}
+
+// A pointer parameter takes a Ptr<PtrInterface> to an object of its class, or a null one.
+TEST_F(Reflection, ConstructsEntitiesFromPointersToOtherEntities) {
+  auto leaf = leafFactory(1, 2, "red");
+  auto twig = twigType.genericIfFromCtorArgs({Zel::Ptr<Zel::PtrInterface>(leaf)});
+  EXPECT_EQ(Zel::dynamicPtrCast<Twig>(twig)->leaf(), leaf);
+  twig = twigType.genericIfFromCtorArgs({Zel::Ptr<Zel::PtrInterface>()});
+  EXPECT_EQ(twigType.attributeValue(*twig, "leaf"), "None");
+  EXPECT_THAT([&] { twigType.genericIfFromCtorArgs({Zel::Ptr<Zel::PtrInterface>(treeFactory())}); },
+              ThrowsMessage<Zel::RangeException>("Generic argument is not a Kiv::Test::Leaf"));
+}
+
+std::string text(Zel::GenericIf::Type const& type) {
+  return Zel::enumName(type.kind) + ":" + type.name + ":" + type.defaultStrep.str();
+}
+
+// "name:kind:type:default ..." in declaration order, with a collection's key type after "@".
+std::string types(Zel::GenericIf const& type) {
+  std::string out;
+  for (auto const& a : type.attributes()) {
+    out += a.name + ":" + text(a.type);
+    if (a.kind == Zel::AttributeKind::collection) out += "@" + text(a.key);
+    out += " ";
+  }
+  return out;
+}
+
+// What a tool needs to choose arguments, and to compare a row with its accessor.
+TEST_F(Reflection, DescribesEachAttributesTypeAndComparesTextsWithTheAccessor) {
+  EXPECT_EQ(types(recordType),
+            "note:text:String:'' tag:text:Name:'' ratio:number:double:0 offset:number:S64:0 "
+            "flag:boolean:bool:False mood:enumeration:Kiv::Test::Mood:calm pid:number:U16:0 ");
+  EXPECT_EQ(types(treeType),
+            "comment:text:String:''@text:String:'' "
+            "leaf:entity:Kiv::Test::Leaf:@number:U32:0 ");
+  EXPECT_EQ(types(twigType), "leaf:entity:Kiv::Test::Leaf: ");
+  auto leaf = leafFactory(3, 4, "red");
+  leaf->countIs(9);
+  EXPECT_TRUE(leafType.attributeHolds(*leaf, "count", "9"));
+  EXPECT_FALSE(leafType.attributeHolds(*leaf, "count", "8"));
+  EXPECT_TRUE(leafType.attributeHolds(*leaf, "shade", "'red'"));
+  EXPECT_TRUE(leafType.attributeHolds(*leaf, "area", "12"));
+  EXPECT_THROW(leafType.attributeHolds(*leaf, "count", "nine"), Zel::RangeException);
+  auto twig = twigFactory(leaf);
+  EXPECT_THAT([&] { twigType.attributeHolds(*twig, "leaf", "None"); },
+              ThrowsMessage<Zel::OperationNotSupportedException>(
+                  "Comparison not supported for Kiv::Test::Twig::leaf"));
+}
+
+// Both forms give a value back; a value holding a NaN is held to its texts and bytes; a log is
+// compared with the bytes it was read from, and what no value writes is refused.
+TEST_F(Reflection, ValueRecordsRunTheRoundTripsOfBothForms) {
+  EXPECT_EQ(recordType.defaultStrep(), Zel::valueToStrep(Record()));
+  EXPECT_EQ(recordType.strepRoundTripFault(Zel::valueToStrep(sampleRecord())), "");
+  Record nan = sampleRecord();
+  nan.ratioIs(std::nan(""));
+  EXPECT_EQ(recordType.strepRoundTripFault(Zel::valueToStrep(nan)), "");
+  EXPECT_THROW(recordType.strepRoundTripFault("Value("), Zel::RangeException);
+
+  Zel::NboAttrLog::Out out;
+  out << sampleRecord();
+  std::vector<U8> log = out.bytes();
+  log.push_back(9);  // past the value, not read
+  EXPECT_EQ(recordType.logRoundTripFault(log), "");
+  log[log.size() - 4] = 7;  // the mood, followed by the U16 pid
+  EXPECT_THAT([&] { recordType.logRoundTripFault(log); },
+              ThrowsMessage<Zel::RangeException>("Error deserializing Kiv::Test::Mood"));
+  log[log.size() - 4] = 0;
+  log[log.size() - 5] = 2;  // the flag
+  EXPECT_THAT([&] { recordType.logRoundTripFault(log); },
+              ThrowsMessage<Zel::RangeException>("Error deserializing bool"));
+
+  auto const clamped = Zel::detail::valueRecord<Clamped>();
+  EXPECT_EQ(clamped->strepRoundTripFault("300"), "");  // parsing clamps too
+  EXPECT_EQ(clamped->logRoundTripFault(std::vector<U8>{0, 0, 1, 44}),
+            "Kiv::Test::Clamped 255: read from [ 00 00 01 2c ], it is written [ 00 00 00 ff ]");
 }
 
 }  // namespace
