@@ -2,8 +2,8 @@
 #include "BenchMain.h"
 
 #include <cstdarg>
-#include <cstdlib>
 #include <cstdio>
+#include <cstdlib>
 #include <iostream>
 #include <optional>
 #include <string>
@@ -69,8 +69,7 @@ int main(int argc, char** argv) {
   if (benchmark::ReportUnrecognizedArguments(count, args.data())) return 1;
   if (program.registerBenchmarks) program.registerBenchmarks();
   // The library makes the display reporter that --benchmark_format asks for.
-  std::unique_ptr<benchmark::BenchmarkReporter> display(
-      benchmark::CreateDefaultDisplayReporter());
+  std::unique_ptr<benchmark::BenchmarkReporter> display(benchmark::CreateDefaultDisplayReporter());
   std::unique_ptr<KivBench::Summary> summary =
       program.summary ? program.summary(*display) : nullptr;
   benchmark::RunSpecifiedBenchmarks(summary ? summary.get() : display.get());

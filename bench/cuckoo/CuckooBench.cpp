@@ -70,9 +70,8 @@ struct Shape {
   U32 capacity() const { return U32(numTables) * tableSize * binSize; }
 };
 
-constexpr std::array<Shape, 3> shapes{{{"2x4", 2, 8192, 4, 0.980},
-                                       {"3x2", 3, 10923, 2, 0.988},
-                                       {"4x1", 4, 16384, 1, 0.977}}};
+constexpr std::array<Shape, 3> shapes{
+    {{"2x4", 2, 8192, 4, 0.980}, {"3x2", 3, 10923, 2, 0.988}, {"4x1", 4, 16384, 1, 0.977}}};
 constexpr int fillRounds = 4;
 constexpr U32 insertWindows = 32;  // windows of 1% of the slots cycled through by insert<L>
 
@@ -468,9 +467,9 @@ private:
 
 void CuckooSummary::print(std::ostream& out) const {
   out << "\nFill to the first failed insert (mean of " << fillRounds << " seeds):\n";
-  KivBench::print(out, "%-5s %7s %9s %10s %9s %11s %13s %8s %12s %11s\n", "shape",
-                "known", "model", "bare", "plain", "model ins/s", "writes/insert", "cycles",
-                "plain ins/s", "bare ins/s");
+  KivBench::print(out, "%-5s %7s %9s %10s %9s %11s %13s %8s %12s %11s\n", "shape", "known", "model",
+                  "bare", "plain", "model ins/s", "writes/insert", "cycles", "plain ins/s",
+                  "bare ins/s");
   for (Shape const& shape : shapes) {
     std::string const prefix = std::string("fill/") + shape.name + "/";
     Measured const* model = find(prefix + "model");
@@ -479,12 +478,11 @@ void CuckooSummary::print(std::ostream& out) const {
     if (!model || !plain || !bare) continue;
     std::string const writes = std::to_string(model->counters.at("writes/insert")).substr(0, 4) +
                                " max " + std::to_string(int(model->counters.at("maxWrites")));
-    KivBench::print(out,
-                  "%-5s %6.1f%% %8.2f%% %9.2f%% %8.2f%% %11.0f %13s %8.1f %12.0f %11.0f\n",
-                  shape.name, 100 * shape.knownLoad, model->counters.at("load%"),
-                  bare->counters.at("load%"), plain->counters.at("load%"),
-                  model->counters.at("inserts/s"), writes.c_str(), model->counters.at("cycles"),
-                  plain->counters.at("inserts/s"), bare->counters.at("inserts/s"));
+    KivBench::print(out, "%-5s %6.1f%% %8.2f%% %9.2f%% %8.2f%% %11.0f %13s %8.1f %12.0f %11.0f\n",
+                    shape.name, 100 * shape.knownLoad, model->counters.at("load%"),
+                    bare->counters.at("load%"), plain->counters.at("load%"),
+                    model->counters.at("inserts/s"), writes.c_str(), model->counters.at("cycles"),
+                    plain->counters.at("inserts/s"), bare->counters.at("inserts/s"));
     bool const same = plain->counters.at("firstFailure") == bare->counters.at("firstFailure");
     out << "      plain model and bare walk fail at the same insert: " << (same ? "yes" : "NO")
         << "\n";
@@ -499,9 +497,8 @@ void CuckooSummary::print(std::ostream& out) const {
       Measured const* bare = find(prefix + "baseline-bare");
       if (!model || !bare) continue;
       double const window = model->counters.at("window");
-      KivBench::print(out, "   at %d%%: %6.0f / %5.0f = %4.2fx", load,
-                    model->nanoseconds / window, bare->nanoseconds / window,
-                    model->nanoseconds / bare->nanoseconds);
+      KivBench::print(out, "   at %d%%: %6.0f / %5.0f = %4.2fx", load, model->nanoseconds / window,
+                      bare->nanoseconds / window, model->nanoseconds / bare->nanoseconds);
     }
     out << "\n";
   }
@@ -511,18 +508,17 @@ void CuckooSummary::print(std::ostream& out) const {
   Measured const* looked = find("lookup/model-lookupItem");
   if (bare && located && looked) {
     KivBench::print(out,
-                  "\nLookup at 90%% load (2x4): itemLocation %.1f ns (%.2f allocations) = %.2fx "
-                  "the bare probe (%.1f ns); lookupItem %.1f ns (%.2f allocations: its result)\n",
-                  located->nanoseconds, located->counters.at("allocs/lookup"),
-                  located->nanoseconds / bare->nanoseconds, bare->nanoseconds, looked->nanoseconds,
-                  looked->counters.at("allocs/lookup"));
+                    "\nLookup at 90%% load (2x4): itemLocation %.1f ns (%.2f allocations) = %.2fx "
+                    "the bare probe (%.1f ns); lookupItem %.1f ns (%.2f allocations: its result)\n",
+                    located->nanoseconds, located->counters.at("allocs/lookup"),
+                    located->nanoseconds / bare->nanoseconds, bare->nanoseconds,
+                    looked->nanoseconds, looked->counters.at("allocs/lookup"));
   }
   Measured const* array = find("shadow/baseline-array");
   Measured const* map = find("shadow/HashMap2018");
   if (array && map) {
-    KivBench::print(out,
-                  "Shadow probe of 8 slots: array %.1f ns, HashMap2018 %.1f ns = %.2fx\n",
-                  array->nanoseconds, map->nanoseconds, map->nanoseconds / array->nanoseconds);
+    KivBench::print(out, "Shadow probe of 8 slots: array %.1f ns, HashMap2018 %.1f ns = %.2fx\n",
+                    array->nanoseconds, map->nanoseconds, map->nanoseconds / array->nanoseconds);
   }
 }
 
@@ -530,19 +526,21 @@ void registerBenchmarks() {
   for (Shape const& shape : shapes) {
     for (Engine engine : {Engine::hitless, Engine::plain, Engine::bare}) {
       std::string const name = std::string("fill/") + shape.name + "/" + nameOf(engine);
-      benchmark::RegisterBenchmark(name.c_str(), [&shape, engine](benchmark::State& state) {
-        fill(state, shape, engine);
-      })->Iterations(fillRounds)->Unit(benchmark::kMillisecond);
+      benchmark::RegisterBenchmark(
+          name.c_str(), [&shape, engine](benchmark::State& state) { fill(state, shape, engine); })
+          ->Iterations(fillRounds)
+          ->Unit(benchmark::kMillisecond);
     }
   }
   for (Shape const& shape : shapes) {
     for (double load : {0.5, 0.9}) {
       for (Engine engine : {Engine::hitless, Engine::bare}) {
-        std::string const name = "insert" + std::to_string(int(load * 100)) + "/" + shape.name +
-                                 "/" + nameOf(engine);
-        benchmark::RegisterBenchmark(name.c_str(), [&shape, engine, load](benchmark::State& state) {
-          insertAtLoad(state, shape, engine, load);
-        })
+        std::string const name =
+            "insert" + std::to_string(int(load * 100)) + "/" + shape.name + "/" + nameOf(engine);
+        benchmark::RegisterBenchmark(name.c_str(),
+                                     [&shape, engine, load](benchmark::State& state) {
+                                       insertAtLoad(state, shape, engine, load);
+                                     })
             ->Unit(benchmark::kMicrosecond)
             ->MinTime(0.2)
             ->Repetitions(3)
@@ -558,7 +556,7 @@ void registerBenchmarks() {
   benchmark::RegisterBenchmark("shadow/HashMap2018", [](State& s) { shadowProbe(s, true); });
 }
 
-KivBench::ProgramRegistrar const program(
-    {.registerBenchmarks = &registerBenchmarks, .summary = &KivBench::makeSummary<CuckooSummary>});
+KivBench::ProgramRegistrar const program({.registerBenchmarks = &registerBenchmarks,
+                                          .summary = &KivBench::makeSummary<CuckooSummary>});
 
 }  // namespace

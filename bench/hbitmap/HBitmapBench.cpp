@@ -223,16 +223,17 @@ private:
 };
 
 void printSearchTable(std::ostream& out, TimeSummary const& t) {
-  KivBench::print(out, "\nGlobal search against a linear scan from the opposite end (aim at 2^28: >= 1000x)\n");
+  KivBench::print(
+      out, "\nGlobal search against a linear scan from the opposite end (aim at 2^28: >= 1000x)\n");
   KivBench::print(out, "%-32s %6s %14s %14s %12s\n", "operation", "size", "hbitmap ns", "scan ns",
-               "speedup");
+                  "speedup");
   for (Search const& search : kSearches) {
     for (U32 log2Size : kLog2Sizes) {
       double const mine = t.ns(benchName(search.name, "hbitmap", log2Size));
       double const scan = t.ns(benchName(search.name, "linearScan", log2Size));
       if (mine == 0 || scan == 0) continue;
       KivBench::print(out, "%-32s %6s %14.2f %14.2f %11.0fx\n", search.name,
-                   sizeName(log2Size).c_str(), mine, scan, scan / mine);
+                      sizeName(log2Size).c_str(), mine, scan, scan / mine);
     }
   }
 }
@@ -244,14 +245,15 @@ void printGrowthRow(std::ostream& out, TimeSummary const& t, char const* operati
     ns[i] = t.ns(benchName(operation, implementation, kLog2Sizes[i]));
     if (ns[i] == 0) return;
   }
-  KivBench::print(out, "%-32s %-12s %10.2f %10.2f %10.2f %9.2fx\n", operation, implementation, ns[0],
-               ns[1], ns[2], ns[2] / ns[0]);
+  KivBench::print(out, "%-32s %-12s %10.2f %10.2f %10.2f %9.2fx\n", operation, implementation,
+                  ns[0], ns[1], ns[2], ns[2] / ns[0]);
 }
 
 void printGrowthTable(std::ostream& out, TimeSummary const& t) {
-  KivBench::print(out, "\nGrowth from 2^12 to 2^28 bits, ns per operation (aim for hbitmap: <= 3x)\n");
+  KivBench::print(out,
+                  "\nGrowth from 2^12 to 2^28 bits, ns per operation (aim for hbitmap: <= 3x)\n");
   KivBench::print(out, "%-32s %-12s %10s %10s %10s %10s\n", "operation", "impl", "2^12", "2^20",
-               "2^28", "2^28/2^12");
+                  "2^28", "2^28/2^12");
   for (Search const& search : kSearches) printGrowthRow(out, t, search.name, "hbitmap");
   for (Update const& update : kUpdates) {
     printGrowthRow(out, t, update.name, "hbitmap");
@@ -267,9 +269,9 @@ void printMemoryTable(std::ostream& out) {
     U64 const wordsPerTree = U64{bitmap.arrayBaseOffsetForHeight(bitmap.height() - 1)} + 1;
     U64 const bytes = 2 * 8 * wordsPerTree;
     double const twoBitsPerBit = 2.0 * bitmap.size() / 8;
-    KivBench::print(out, "%6s %8u %14llu %14llu %8.4f\n", sizeName(log2Size).c_str(), bitmap.height(),
-                 static_cast<unsigned long long>(wordsPerTree),
-                 static_cast<unsigned long long>(bytes), double(bytes) / twoBitsPerBit);
+    KivBench::print(out, "%6s %8u %14llu %14llu %8.4f\n", sizeName(log2Size).c_str(),
+                    bitmap.height(), static_cast<unsigned long long>(wordsPerTree),
+                    static_cast<unsigned long long>(bytes), double(bytes) / twoBitsPerBit);
   }
 }
 
@@ -279,7 +281,7 @@ void TimeSummary::print(std::ostream& out) const {
   printMemoryTable(out);
 }
 
-KivBench::ProgramRegistrar const program(
-    {.registerBenchmarks = &registerAll, .summary = &KivBench::makeSummary<TimeSummary>});
+KivBench::ProgramRegistrar const program({.registerBenchmarks = &registerAll,
+                                          .summary = &KivBench::makeSummary<TimeSummary>});
 
 }  // namespace

@@ -62,7 +62,8 @@ RatioSummary::Measured const* RatioSummary::baselineOf(std::string const& group)
 
 void RatioSummary::print(std::ostream& out) const {
   std::size_t width = 0;
-  for (Measured const& m : measured_) width = std::max(width, m.group.size() + 1 + m.variant.size());
+  for (Measured const& m : measured_)
+    width = std::max(width, m.group.size() + 1 + m.variant.size());
   bool headerDone = false;
   for (Measured const& m : measured_) {
     Measured const* baseline = baselineOf(m.group);

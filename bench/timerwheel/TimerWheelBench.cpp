@@ -209,9 +209,9 @@ Queue& liveQueue(char const* name, U32 n) {
 }
 
 void perOperation(benchmark::State& state, double operationsPerIteration) {
-  state.counters["per_op"] = benchmark::Counter(
-      operationsPerIteration,
-      benchmark::Counter::kIsIterationInvariantRate | benchmark::Counter::kInvert);
+  state.counters["per_op"] =
+      benchmark::Counter(operationsPerIteration, benchmark::Counter::kIsIterationInvariantRate |
+                                                     benchmark::Counter::kInvert);
 }
 
 template <class Queue>
@@ -360,7 +360,7 @@ void finish() {
 }
 
 KivBench::ProgramRegistrar const program({.registerBenchmarks = &registerQueues,
-                                           .summary = &KivBench::makeSummary<TableSummary>,
-                                           .finish = &finish});
+                                          .summary = &KivBench::makeSummary<TableSummary>,
+                                          .finish = &finish});
 
 }  // namespace

@@ -6,10 +6,10 @@
 //
 // Reported per benchmark, as the median of seven repetitions interleaved at random with the
 // others' (so that load from other processes spreads over all of them): finished transactions
-// per second and the CPU time per transaction per worker. The table at the end compares the latter with the run's baselines: one synchronous worker at
-// the same limit (the aim: no growth with the number of workers, i.e. cost per transaction
-// linear in it) and eight synchronous workers at the same limit for the time-sliced mode (the
-// aim: within 2x).
+// per second and the CPU time per transaction per worker. The table at the end compares the latter
+// with the run's baselines: one synchronous worker at the same limit (the aim: no growth with the
+// number of workers, i.e. cost per transaction linear in it) and eight synchronous workers at the
+// same limit for the time-sliced mode (the aim: within 2x).
 #include "../BenchMain.h"
 
 #include <Kiv/XactLib.h>
@@ -148,8 +148,8 @@ private:
 };
 
 // Interleaving is the default here; a flag given on the command line still wins.
-KivBench::ProgramRegistrar const program(
-    {.summary = &KivBench::makeSummary<RatioSummary>,
-     .defaultFlags = {"--benchmark_enable_random_interleaving=true"}});
+KivBench::ProgramRegistrar const program({.summary = &KivBench::makeSummary<RatioSummary>,
+                                          .defaultFlags = {
+                                              "--benchmark_enable_random_interleaving=true"}});
 
 }  // namespace

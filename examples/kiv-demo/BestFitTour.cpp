@@ -49,9 +49,8 @@ void printFreeSpace(std::ostream& out, Kiv::BestFitAllocator const& table) {
   }
   out << "   free: " << table.numFreeEntries() << " of " << table.memSz() << " entries in "
       << table.freeBlkStartIndexToSzs()
-      << (table.freeBlkStartIndexToSzs() == 1 ? " block" : " blocks") << ", the largest "
-      << largest << " entries; "
-      << table.inUseBlocks() << " rule blocks in use\n";
+      << (table.freeBlkStartIndexToSzs() == 1 ? " block" : " blocks") << ", the largest " << largest
+      << " entries; " << table.inUseBlocks() << " rule blocks in use\n";
 }
 
 // The real table as the owner sees it: the rule in each entry, or -1 for a free entry.

@@ -133,8 +133,8 @@ struct Rig {
   }
   // Offers a new item with random hashes; the writer then applies the queue.
   bool insertNext(U32& writes) {
-    items.push_back(Kiv::Cuckoo::intHashItemFactory(U32(items.size()), U32(random()),
-                                                    U32(random()), 0));
+    items.push_back(
+        Kiv::Cuckoo::intHashItemFactory(U32(items.size()), U32(random()), U32(random()), 0));
     bool const placed = table->insertItem(items.back());
     writes = writer.drain();
     return placed;
@@ -152,13 +152,13 @@ void fillUntilPending(std::ostream& out, Rig& rig) {
   U32 writes = 0;
   while (rig.insertNext(writes)) histogram.add(writes);
   out << "   " << rig.items.size() - 1 << " items placed; item " << rig.items.size() - 1
-      << " found no place after " << rig.config->maxRetry() << " walks of "
-      << rig.config->maxLoop() << " steps and went pending\n";
+      << " found no place after " << rig.config->maxRetry() << " walks of " << rig.config->maxLoop()
+      << " steps and went pending\n";
   printTables(out, *rig.status);
   histogram.print(out);
   out << "   cycles removed from eviction paths: " << rig.status->cycleCount() << " (at most "
-      << rig.status->longestCycle() << " in one path); walks that hit maxLoop: "
-      << rig.status->retryCount() << "\n";
+      << rig.status->longestCycle()
+      << " in one path); walks that hit maxLoop: " << rig.status->retryCount() << "\n";
   out << "   the writer's copy of the hardware table " << rig.writerCopy() << "\n\n";
 }
 
@@ -179,9 +179,9 @@ void reviewTimeline(std::ostream& out, Rig& rig, Zel::Seconds start) {
     bool const changed =
         status.pendingItemSets() != pending || status.pendingItemSyslogVersion() != syslog;
     if (!changed) continue;
-    out << "   +" << second << " s: pending " << status.pendingItemSets()
-        << ", pendingItemVersion " << status.pendingItemVersion()
-        << ", pendingItemSyslogVersion " << status.pendingItemSyslogVersion() << "\n";
+    out << "   +" << second << " s: pending " << status.pendingItemSets() << ", pendingItemVersion "
+        << status.pendingItemVersion() << ", pendingItemSyslogVersion "
+        << status.pendingItemSyslogVersion() << "\n";
   }
   out << "   (pendingItemVersion counts reviews that placed items; pendingItemSyslogVersion rises\n"
          "   once items have been pending longer than "
@@ -203,8 +203,8 @@ void removeAndReview(std::ostream& out, Rig& rig, Zel::Seconds start) {
       << (rig.table->pendingItemReviewTime() == Zel::endOfTime ? "no, nothing is pending" : "yes")
       << "\n";
   printTables(out, status);
-  out << "   writes acknowledged by the writer: " << status.totalCmdReadCompleted()
-      << "; its copy " << rig.writerCopy() << "\n";
+  out << "   writes acknowledged by the writer: " << status.totalCmdReadCompleted() << "; its copy "
+      << rig.writerCopy() << "\n";
 }
 
 void cuckooTour(std::ostream& out) {

@@ -70,7 +70,6 @@ void optionalNumber(std::ostream& out) {
   out << '\n';
 }
 
-
 void uniqueIds(std::ostream& out) {
   constexpr unsigned burst = 65538;
   out << "3. A burst of " << burst << " unique ids from one second of virtual time.\n";

@@ -19,7 +19,6 @@ using Kiv::Range;
 using Kiv::Seconds;
 using Kiv::U32;
 
-
 constexpr Seconds kStart = 1'700'000'000.0;
 
 std::string at(Seconds t) { return "t+" + std::to_string(static_cast<long>(t - kStart)); }

@@ -286,9 +286,9 @@ void objectModelTour(std::ostream& out) {
   reflection(out);
 }
 
-TourRegistrar const registrar(
-    10, "object-model",
-    "Zel object model: notification, children, value types, reflection", &objectModelTour);
+TourRegistrar const registrar(10, "object-model",
+                              "Zel object model: notification, children, value types, reflection",
+                              &objectModelTour);
 
 }  // namespace
 }  // namespace KivDemo

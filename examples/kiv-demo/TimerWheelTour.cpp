@@ -93,8 +93,8 @@ U64 runTo(Seconds until) {
 void timerWheelTour(std::ostream& out) {
   constexpr U32 leases = 100000;
   Zel::System::virtualTimeIs(start);
-  auto const wheel = Kiv::timerWheelFactory(Zel::activityManager()->clock(), tickMsecs,
-                                            360000, true, 64);
+  auto const wheel =
+      Kiv::timerWheelFactory(Zel::activityManager()->clock(), tickMsecs, 360000, true, 64);
   out << leases << " leases with deadlines from 1 ms to 1 h (log-uniform) on one wheel:\n"
       << wheel->bucketCount() << " levels of " << wheel->defaultBucketSize() << " slots, "
       << tickMsecs << " ms ticks, " << wheel->maxTicks() << " ticks ("
@@ -120,8 +120,8 @@ void timerWheelTour(std::ostream& out) {
   U32 from = 0;
   for (U32 to : {1, 2, 3, 4, 5, 10, 20, 30, 40, 50, 60}) {
     U64 const events = runTo(start + 60.0 * to);
-    std::string const span = from + 1 == to ? std::to_string(to)
-                                            : std::to_string(from + 1) + "-" + std::to_string(to);
+    std::string const span =
+        from + 1 == to ? std::to_string(to) : std::to_string(from + 1) + "-" + std::to_string(to);
     std::snprintf(line, sizeof line, "%-9s %7llu %14.2f%s %13llu\n", span.c_str(),
                   static_cast<unsigned long long>(log.fired), log.latest,
                   levelCounts(*wheel).c_str(), static_cast<unsigned long long>(events));
@@ -133,7 +133,8 @@ void timerWheelTour(std::ostream& out) {
     log = ExpiryLog{};
     from = to;
   }
-  out << "\n" << totalFired << " of " << leases << " leases fired, " << totalEarly
+  out << "\n"
+      << totalFired << " of " << leases << " leases fired, " << totalEarly
       << " early; the latest was " << std::lround(latest * 100) / 100.0 << " ticks late.\n"
       << "The wheel used " << totalEvents << " clock events; a clock notifiee per lease would"
       << " have used " << leases << ".\n"

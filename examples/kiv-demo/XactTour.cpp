@@ -75,9 +75,7 @@ protected:
   Worker(Zel::String const& name, Ptr<Kiv::XactConfigDir const> const& configDir,
          Ptr<Kiv::XactStatusDir> const& statusDir, Ptr<Zel::Clock const> const& clock,
          Behaviour behaviour, U32 seed)
-      : XactExecutorSm(name, configDir, statusDir, clock),
-        behaviour_(behaviour),
-        random_(seed) {}
+      : XactExecutorSm(name, configDir, statusDir, clock), behaviour_(behaviour), random_(seed) {}
 
   ExecResult doExecute(XactConfig const&) override {
     Seconds cost =

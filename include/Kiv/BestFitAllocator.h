@@ -85,8 +85,7 @@ public:
 
   static constexpr auto zelFields() {
     return Zel::valueFields(
-        "Kiv::BFA::JumboFreeBlk",
-        Zel::field("blkSz", &JumboFreeBlk::blkSz, &JumboFreeBlk::blkSzIs),
+        "Kiv::BFA::JumboFreeBlk", Zel::field("blkSz", &JumboFreeBlk::blkSz, &JumboFreeBlk::blkSzIs),
         Zel::field("startIndex", &JumboFreeBlk::startIndex, &JumboFreeBlk::startIndexIs));
   }
 

@@ -32,8 +32,8 @@
 #include <Zel/Types.h>
 
 #include <array>
-#include <ostream>
 #include <memory>
+#include <ostream>
 #include <string>
 
 namespace Kiv {
@@ -64,7 +64,9 @@ public:
   friend std::ostream& operator<<(std::ostream& out, IndexPreference v) {
     return out << Zel::enumName(v);
   }
-  friend std::ostream& operator<<(std::ostream& out, LogicalOp v) { return out << Zel::enumName(v); }
+  friend std::ostream& operator<<(std::ostream& out, LogicalOp v) {
+    return out << Zel::enumName(v);
+  }
 
   class NotifieeConst : public Zel::NotifieeConstOf<HBitmap> {
   public:

@@ -102,7 +102,8 @@ public:
   U32 value() const noexcept { return value_; }
   // Throws Zel::RangeException "BucketSize::value < 2 or > 0xfffffffe not allowed".
   void valueIs(U32 size) {
-    if (size < 2 || size > 0xfffffffe) [[unlikely]] throwOutOfRange();
+    if (size < 2 || size > 0xfffffffe) [[unlikely]]
+      throwOutOfRange();
     value_ = size;
   }
   // A bucket size is a count of slots wherever a number is expected.
@@ -121,8 +122,8 @@ private:
 struct HeadNTail;
 class TimerWheel;
 
-Zel::Ptr<TimerWheel> timerWheelFactory(Zel::Ptr<Zel::Clock const> const& systemClock,
-                                       U32 tickMsecs, U32 initialMaxTicks, bool preserveOrder,
+Zel::Ptr<TimerWheel> timerWheelFactory(Zel::Ptr<Zel::Clock const> const& systemClock, U32 tickMsecs,
+                                       U32 initialMaxTicks, bool preserveOrder,
                                        U32 defaultBucketSize);
 
 class TimerWheel : public Zel::PtrInterface {
@@ -214,9 +215,7 @@ public:
     return level < levels_.size() ? levels_[level].current : 0;
   }
   // The number of timers filed in a level; timerHas() tells whether there is any.
-  U32 timer(U32 level) const noexcept {
-    return level < levels_.size() ? levels_[level].timers : 0;
-  }
+  U32 timer(U32 level) const noexcept { return level < levels_.size() ? levels_[level].timers : 0; }
   bool timerHas(U32 level) const noexcept { return timer(level) != 0; }
   // The number of levels that hold timers (not the number of timers).
   U32 timers() const noexcept { return nonEmptyLevels_; }

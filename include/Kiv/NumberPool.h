@@ -92,9 +92,9 @@ public:
   }
 
   static constexpr auto zelFields() {
-    return Zel::valueFields(
-        "Kiv::TimedU32", Zel::field("timestamp", &TimedU32::timestamp, &TimedU32::timestampIs),
-        Zel::field("number", &TimedU32::number, &TimedU32::numberIs));
+    return Zel::valueFields("Kiv::TimedU32",
+                            Zel::field("timestamp", &TimedU32::timestamp, &TimedU32::timestampIs),
+                            Zel::field("number", &TimedU32::number, &TimedU32::numberIs));
   }
 
 private:
@@ -210,8 +210,8 @@ private:
 };
 
 inline auto NumberPool::zelAttributes() {
-  return Zel::entityAttributes<NumberPool>("Kiv::NumberPool", &numberPoolFactory,
-                                           Zel::ctorParams(), poolAttribute<NumberPool>());
+  return Zel::entityAttributes<NumberPool>("Kiv::NumberPool", &numberPoolFactory, Zel::ctorParams(),
+                                           poolAttribute<NumberPool>());
 }
 
 class NumberPoolWithTimestamp;

@@ -26,16 +26,16 @@ namespace Zel {
 
 #define ZEL_ASSERT(condition) ZEL_ASSERT_AS(condition, #condition)
 
-#define ZEL_ASSERT_AS(condition, text)                                                          \
-  (__builtin_expect(static_cast<bool>(condition), 1)                                            \
-       ? void(0)                                                                                \
+#define ZEL_ASSERT_AS(condition, text)               \
+  (__builtin_expect(static_cast<bool>(condition), 1) \
+       ? void(0)                                     \
        : ::Zel::assertionFailed(text, __FILE__, __LINE__, __func__))
 
 // Like ZEL_ASSERT, but first prints the Failed line; `detail` is streamed only on failure.
 #define ZEL_CHECK(condition, detail) ZEL_CHECK_AS(condition, #condition, detail)
 
-#define ZEL_CHECK_AS(condition, text, detail)                                                   \
-  (__builtin_expect(static_cast<bool>(condition), 1)                                            \
-       ? void(0)                                                                                \
-       : ::Zel::checkFailed(text, (std::ostringstream() << detail).str(), __FILE__, __LINE__,  \
+#define ZEL_CHECK_AS(condition, text, detail)                                                 \
+  (__builtin_expect(static_cast<bool>(condition), 1)                                          \
+       ? void(0)                                                                              \
+       : ::Zel::checkFailed(text, (std::ostringstream() << detail).str(), __FILE__, __LINE__, \
                             __func__))

@@ -7,10 +7,11 @@
 //
 // So a class's mutators are one line each:
 //
-//   void configVersionIs(U32 v) { attributeIs(configVersion_, v, &NotifieeConst::onConfigVersion); }
-//   void configVersionInc(U32 d) { attributeInc(configVersion_, d, &NotifieeConst::onConfigVersion); }
-//   void commentIs(String const& k, String const& v) { entryIs(comment_, k, v, &NotifieeConst::onComment); }
-//   Ptr<Xact> xactIs(U32 id) { return instantiateChild(xact_, id, &NotifieeConst::onXact, xactFactory, id); }
+//   void configVersionIs(U32 v) { attributeIs(configVersion_, v, &NotifieeConst::onConfigVersion);
+//   } void configVersionInc(U32 d) { attributeInc(configVersion_, d,
+//   &NotifieeConst::onConfigVersion); } void commentIs(String const& k, String const& v) {
+//   entryIs(comment_, k, v, &NotifieeConst::onComment); } Ptr<Xact> xactIs(U32 id) { return
+//   instantiateChild(xact_, id, &NotifieeConst::onXact, xactFactory, id); }
 #pragma once
 
 #include <Zel/AllocTrack.h>
@@ -88,7 +89,8 @@ void checkReinstantiation(C const& present, A const&... args) {
     auto const& current = std::invoke(param.get, present);
     if (current == arg) return true;
     throw NameInUseException(
-        std::string("Reinstantiating the pointer interface where constructor parameter attribute _") +
+        std::string(
+            "Reinstantiating the pointer interface where constructor parameter attribute _") +
         param.name + " has a different value of " + valueToStrep(arg).str() +
         " than the current value of " + valueToStrep(current).str() + " not allowed");
   };
@@ -112,7 +114,8 @@ protected:
   void notify(void (N::*handler)(P...), A const&... args) const {
     if (notifiees_.empty() || !hasNotificationActive()) return;
     DeferredDestruction guard(*this);
-    notifiees_.doVisit([&](PtrInterface::NotifieeConst& n) { (static_cast<N&>(n).*handler)(args...); });
+    notifiees_.doVisit(
+        [&](PtrInterface::NotifieeConst& n) { (static_cast<N&>(n).*handler)(args...); });
   }
 
   void handleZeroRef() const noexcept override;
@@ -150,7 +153,8 @@ protected:
   // makes it with factory(args...), stores it and notifies.
   template <class Map, class N, class P, class Factory, class... A>
   typename Map::mapped_type instantiateChild(Map& map, typename Map::key_type const& key,
-                                    void (N::*handler)(P), Factory&& factory, A const&... args) {
+                                             void (N::*handler)(P), Factory&& factory,
+                                             A const&... args) {
     if (auto const* present = map.find(key)) {
       checkReinstantiation(**present, args...);
       return *present;

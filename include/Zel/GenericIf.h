@@ -271,13 +271,17 @@ struct EntityAttributes {
 };
 
 template <class T, class Factory, class CtorParams, class... A>
-constexpr EntityAttributes<T, Factory, CtorParams, A...> entityAttributes(
-    char const* typeName, Factory factory, CtorParams ctorParams, A... attributes) {
+constexpr EntityAttributes<T, Factory, CtorParams, A...> entityAttributes(char const* typeName,
+                                                                          Factory factory,
+                                                                          CtorParams ctorParams,
+                                                                          A... attributes) {
   return {typeName, factory, ctorParams, {attributes...}};
 }
 
 template <class T>
-concept ReflectedEntity = requires { typename decltype(T::zelAttributes())::Entity; };
+concept ReflectedEntity = requires {
+  typename decltype(T::zelAttributes())::Entity;
+};
 
 // ---- Building records ---------------------------------------------------------------------------
 
@@ -464,7 +468,8 @@ std::unique_ptr<GenericIf> entityRecord(
       }
       return [&]<std::size_t... I>(std::index_sequence<I...>) {
         return factory(argument<std::remove_cvref_t<P>>(args[I])...);
-      }(std::index_sequence_for<P...>());
+      }
+      (std::index_sequence_for<P...>());
     }(factory);
   });
   return record;

@@ -19,9 +19,7 @@ namespace Zel {
 
 // The low half, mixed with the high half multiplied by the golden ratio: a word below 2^32 hashes
 // to itself, and -1 does not meet 0.
-constexpr U32 hashWord(U64 word) noexcept {
-  return U32(word) ^ (U32(word >> 32) * 0x9e3779b9u);
-}
+constexpr U32 hashWord(U64 word) noexcept { return U32(word) ^ (U32(word >> 32) * 0x9e3779b9u); }
 
 // FNV-1a: short identifiers are what collections here are keyed by.
 constexpr U32 hashText(std::string_view text) noexcept {

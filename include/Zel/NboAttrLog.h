@@ -26,9 +26,12 @@ namespace detail {
 template <class T>
 constexpr T toBigEndian(T value) noexcept {
   if constexpr (std::endian::native == std::endian::little && sizeof(T) > 1) {
-    if constexpr (sizeof(T) == 2) return __builtin_bswap16(value);
-    else if constexpr (sizeof(T) == 4) return __builtin_bswap32(value);
-    else return __builtin_bswap64(value);
+    if constexpr (sizeof(T) == 2)
+      return __builtin_bswap16(value);
+    else if constexpr (sizeof(T) == 4)
+      return __builtin_bswap32(value);
+    else
+      return __builtin_bswap64(value);
   } else {
     return value;
   }
@@ -42,8 +45,7 @@ public:
   void reserve(std::size_t size) { bytes_.reserve(size); }
 
   template <class T>
-    requires std::is_integral_v<T>
-  Out& operator<<(T value) {
+  requires std::is_integral_v<T> Out& operator<<(T value) {
     using Unsigned = std::make_unsigned_t<T>;
     auto const wire = detail::toBigEndian(static_cast<Unsigned>(value));
     std::size_t const at = bytes_.size();
@@ -72,8 +74,7 @@ public:
   [[noreturn]] static void refused(std::string_view typeName);
 
   template <class T>
-    requires std::is_integral_v<T>
-  In& operator>>(T& value) {
+  requires std::is_integral_v<T> In& operator>>(T& value) {
     std::make_unsigned_t<T> wire;
     take(&wire, sizeof wire);
     value = static_cast<T>(detail::toBigEndian(wire));
@@ -87,7 +88,8 @@ public:
 
 private:
   void take(void* to, std::size_t size) {
-    if (remaining() < size) [[unlikely]] endedEarly();
+    if (remaining() < size) [[unlikely]]
+      endedEarly();
     std::memcpy(to, at_, size);
     at_ += size;
   }
@@ -100,13 +102,11 @@ private:
 
 // Enumerations travel as their underlying integer.
 template <class E>
-  requires std::is_enum_v<E>
-Out& operator<<(Out& out, E value) {
+requires std::is_enum_v<E> Out& operator<<(Out& out, E value) {
   return out << static_cast<std::underlying_type_t<E>>(value);
 }
 template <class E>
-  requires std::is_enum_v<E>
-In& operator>>(In& in, E& value) {
+requires std::is_enum_v<E> In& operator>>(In& in, E& value) {
   std::underlying_type_t<E> raw;
   in >> raw;
   if constexpr (requires { zelEnumInfo(E{}).names; }) {

@@ -104,13 +104,11 @@ public:
   Ptr(Ptr const& other) noexcept : raw_(other.raw_) { acquire(); }
   Ptr(Ptr&& other) noexcept : raw_(std::exchange(other.raw_, nullptr)) {}
   template <class U>
-    requires std::is_convertible_v<U*, T*>
-  Ptr(Ptr<U> const& other) noexcept : raw_(other.ptr()) {
-    acquire();
-  }
+  requires std::is_convertible_v<U*, T*> Ptr(Ptr<U> const& other)
+  noexcept : raw_(other.ptr()) { acquire(); }
   template <class U>
-    requires std::is_convertible_v<U*, T*>
-  Ptr(Ptr<U>&& other) noexcept : raw_(other.release()) {}
+  requires std::is_convertible_v<U*, T*> Ptr(Ptr<U>&& other)
+  noexcept : raw_(other.release()) {}
   ~Ptr() { releaseHeld(); }
 
   Ptr& operator=(Ptr const& other) noexcept {

@@ -20,30 +20,44 @@
 #include <cctype>
 #include <concepts>
 #include <cstddef>
-#include <utility>
 #include <string>
 #include <string_view>
 #include <type_traits>
+#include <utility>
 
 namespace Zel {
 
 // The type name used in messages: "U32", "S64", "bool", "double", "String", "Name".
 template <class T>
 constexpr char const* scalarTypeName() {
-  if constexpr (std::is_same_v<T, bool>) return "bool";
-  else if constexpr (std::is_same_v<T, U8>) return "U8";
-  else if constexpr (std::is_same_v<T, U16>) return "U16";
-  else if constexpr (std::is_same_v<T, U32>) return "U32";
-  else if constexpr (std::is_same_v<T, U64>) return "U64";
-  else if constexpr (std::is_same_v<T, S8>) return "S8";
-  else if constexpr (std::is_same_v<T, S16>) return "S16";
-  else if constexpr (std::is_same_v<T, S32>) return "S32";
-  else if constexpr (std::is_same_v<T, S64>) return "S64";
-  else if constexpr (std::is_same_v<T, float>) return "float";
-  else if constexpr (std::is_same_v<T, double>) return "double";
-  else if constexpr (std::is_same_v<T, String>) return "String";
-  else if constexpr (std::is_same_v<T, Name>) return "Name";
-  else return "value";
+  if constexpr (std::is_same_v<T, bool>)
+    return "bool";
+  else if constexpr (std::is_same_v<T, U8>)
+    return "U8";
+  else if constexpr (std::is_same_v<T, U16>)
+    return "U16";
+  else if constexpr (std::is_same_v<T, U32>)
+    return "U32";
+  else if constexpr (std::is_same_v<T, U64>)
+    return "U64";
+  else if constexpr (std::is_same_v<T, S8>)
+    return "S8";
+  else if constexpr (std::is_same_v<T, S16>)
+    return "S16";
+  else if constexpr (std::is_same_v<T, S32>)
+    return "S32";
+  else if constexpr (std::is_same_v<T, S64>)
+    return "S64";
+  else if constexpr (std::is_same_v<T, float>)
+    return "float";
+  else if constexpr (std::is_same_v<T, double>)
+    return "double";
+  else if constexpr (std::is_same_v<T, String>)
+    return "String";
+  else if constexpr (std::is_same_v<T, Name>)
+    return "Name";
+  else
+    return "value";
 }
 
 template <class T>
@@ -82,9 +96,12 @@ char const* sequenceToValue(char const* begin, char const* end, Name* out);
 //
 //   enum class XactResult : U32 { xactInProgress, xactSuccess, xactFailure };
 //   constexpr auto zelEnumInfo(XactResult) {
-//     return Zel::enumInfo<XactResult>("Kiv::XactResult", {{XactResult::xactInProgress, "xactInProgress"},
-//                                                          {XactResult::xactSuccess, "xactSuccess"},
-//                                                          {XactResult::xactFailure, "xactFailure"}});
+//     return Zel::enumInfo<XactResult>("Kiv::XactResult", {{XactResult::xactInProgress,
+//     "xactInProgress"},
+//                                                          {XactResult::xactSuccess,
+//                                                          "xactSuccess"},
+//                                                          {XactResult::xactFailure,
+//                                                          "xactFailure"}});
 //   }
 //
 // The string form is the enumerator's name; the attribute log holds the underlying integer.
@@ -104,7 +121,9 @@ constexpr EnumInfo<E, N> enumInfo(char const* typeName,
 }
 
 template <class E>
-concept EnumType = std::is_enum_v<E> && requires(E e) { zelEnumInfo(e).typeName; };
+concept EnumType = std::is_enum_v<E> && requires(E e) {
+  zelEnumInfo(e).typeName;
+};
 
 // The enumerator's name, or its number when it has none.
 template <EnumType E>

@@ -91,12 +91,14 @@ public:
   // nothing but a null pointer, so it costs the level test alone.
   TraceHelper(TraceHandle const& handle, int level, char const* file = __builtin_FILE(),
               unsigned line = __builtin_LINE(), char const* function = __builtin_FUNCTION()) {
-    if (handle.enabled(level)) [[unlikely]] start(handle, level, file, line, function);
+    if (handle.enabled(level)) [[unlikely]]
+      start(handle, level, file, line, function);
   }
   TraceHelper(TraceHelper const&) = delete;
   TraceHelper& operator=(TraceHelper const&) = delete;
   ~TraceHelper() {
-    if (line_) [[unlikely]] finish();
+    if (line_) [[unlikely]]
+      finish();
   }
 
   explicit operator bool() const noexcept { return line_ != nullptr; }

@@ -10,7 +10,8 @@
 //     ...
 //     static constexpr auto zelFields() {
 //       return Zel::valueFields("Kiv::UniqueId",
-//                               Zel::field("timestamp", &UniqueId::timestamp, &UniqueId::timestampIs),
+//                               Zel::field("timestamp", &UniqueId::timestamp,
+//                               &UniqueId::timestampIs),
 //                               ...);
 //     }
 //   };
@@ -70,7 +71,9 @@ constexpr ValueFields<F...> valueFields(char const* typeName, F... fields) {
 }
 
 template <class T>
-concept ValueType = requires { T::zelFields().typeName; };
+concept ValueType = requires {
+  T::zelFields().typeName;
+};
 
 template <class T, class F>
 using FieldType =
@@ -89,9 +92,8 @@ struct FieldAt {
 // Calls visit(field) for each field of T in declaration order; the field offers name, get, set.
 template <ValueType T, class Visitor>
 constexpr void forEachField(Visitor&& visit) {
-  [&]<std::size_t... I>(std::index_sequence<I...>) {
-    (visit(FieldAt<T, I>{}), ...);
-  }(std::make_index_sequence<T::zelFields().size>());
+  [&]<std::size_t... I>(std::index_sequence<I...>) { (visit(FieldAt<T, I>{}), ...); }
+  (std::make_index_sequence<T::zelFields().size>());
 }
 
 template <ValueType T>
@@ -172,7 +174,9 @@ void printStrep(std::string& out, T const& value) {
 // Whether V has a string form that parses (pointers and other handles do not, nor value types
 // with such a field).
 template <class V>
-concept Parsable = requires(V* v, char const* p) { sequenceToValue(p, p, v); };
+concept Parsable = requires(V* v, char const* p) {
+  sequenceToValue(p, p, v);
+};
 
 // Whether V has an attribute-log form (pointers and other handles do not, nor value types with
 // such a field).
@@ -192,19 +196,21 @@ template <ValueType T>
 constexpr bool fieldsParsable() {
   return []<std::size_t... I>(std::index_sequence<I...>) {
     return (Parsable<FieldType<T, FieldAt<T, I>>> && ...);
-  }(std::make_index_sequence<T::zelFields().size>());
+  }
+  (std::make_index_sequence<T::zelFields().size>());
 }
 
 template <ValueType T>
 constexpr bool fieldsLoggable() {
   return []<std::size_t... I>(std::index_sequence<I...>) {
     return (Loggable<FieldType<T, FieldAt<T, I>>> && ...);
-  }(std::make_index_sequence<T::zelFields().size>());
+  }
+  (std::make_index_sequence<T::zelFields().size>());
 }
 
 template <ValueType T>
-  requires(fieldsParsable<T>())
-char const* sequenceToValue(char const* begin, char const* end, T* out) {
+requires(fieldsParsable<T>()) char const* sequenceToValue(char const* begin, char const* end,
+                                                          T* out) {
   T value{};
   StrepReader reader(begin, end, T::zelTypeName());
   auto readField = [&](auto const& f) {
@@ -246,16 +252,14 @@ char const* sequenceToValue(char const* begin, char const* end, T* out) {
 namespace Zel::NboAttrLog {
 
 template <ValueType T>
-  requires(fieldsLoggable<T>())
-Out& operator<<(Out& out, T const& value) {
+requires(fieldsLoggable<T>()) Out& operator<<(Out& out, T const& value) {
   forEachField<T>([&](auto const& f) { out << std::invoke(f.get, value); });
   return out;
 }
 
 // Reads every field before storing any, so a short or refused log leaves `value` unchanged.
 template <ValueType T>
-  requires(fieldsLoggable<T>())
-In& operator>>(In& in, T& value) {
+requires(fieldsLoggable<T>()) In& operator>>(In& in, T& value) {
   T read{};
   forEachField<T>([&](auto const& f) {
     FieldType<T, std::remove_cvref_t<decltype(f)>> fieldValue{};

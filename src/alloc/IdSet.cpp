@@ -325,9 +325,7 @@ void printStrep(std::string& out, IdSet const& set) {
   out += ')';
 }
 
-std::ostream& operator<<(std::ostream& out, IdSet const& set) {
-  return out << set.stringValue();
-}
+std::ostream& operator<<(std::ostream& out, IdSet const& set) { return out << set.stringValue(); }
 
 char const* sequenceToValue(char const* begin, char const* end, IdSet* set) {
   char const* const strepEnd = std::find(begin, end, ')');

@@ -98,7 +98,8 @@ S64 NumAllocator::getNumber() {
 
 S64 NumAllocator::getExactNumber(U32 number) {
   if (auto t = Zel::TraceHelper(trace(), traceAllocation)) {
-    t << "getExactNumber" << " number " << number;
+    t << "getExactNumber"
+      << " number " << number;
   }
   return allocateNumber(number);
 }
@@ -171,8 +172,7 @@ void NumAllocator::releaseNumberWithExpiry(U32 number, Seconds expiryDelay) {
 
 Seconds NumAllocator::roundedExpiry(Seconds expiryDelay) const {
   Seconds const target = Zel::System::currentTime() + expiryDelay;
-  Seconds const g =
-      static_cast<float>(config_->expiryTime()) * config_->expiryTimeGranularity();
+  Seconds const g = static_cast<float>(config_->expiryTime()) * config_->expiryTimeGranularity();
   return g > 0 ? std::ceil(target / g) * g : target;
 }
 
@@ -199,7 +199,8 @@ void NumAllocator::moveExpiredIdToFreePool() {
                 "config()->allocationMode() == NumAllocatorConfig::AllocationMode::allocate_");
   Seconds const now = Zel::System::currentTime();
   if (auto t = Zel::TraceHelper(trace(), traceHoldDown)) {
-    t << "moveExpiredIdToFreePool" << ": " << timeText(now);
+    t << "moveExpiredIdToFreePool"
+      << ": " << timeText(now);
   }
   while (!holdDownPool_->isEmpty()) {
     TimedRange const earliest = holdDownPool_->getEarliestRange();
@@ -262,8 +263,8 @@ void NumAllocator::handleRange() {
 void NumAllocator::handleAllocationMode() {
   auto const mode = config_->allocationMode();
   if (auto t = Zel::TraceHelper(trace(), traceChange)) {
-    t << "void Kiv::NumAllocator::handleAllocationMode()" << " allocationMode "
-      << Zel::enumName(mode);
+    t << "void Kiv::NumAllocator::handleAllocationMode()"
+      << " allocationMode " << Zel::enumName(mode);
   }
   if (mode == NumAllocatorConfig::AllocationMode::allocate_) {
     ZEL_ASSERT_AS(holdDownPool_->isEmpty(), "holdDownPool()->isEmpty()");

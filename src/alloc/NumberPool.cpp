@@ -13,8 +13,7 @@ namespace Kiv {
 namespace {
 
 [[maybe_unused]] Zel::TypeRegistration<Range, TimedU32, TimedRange, NumberPool,
-                                       NumberPoolWithTimestamp, TimedNumberPool> const
-    registration;
+                                       NumberPoolWithTimestamp, TimedNumberPool> const registration;
 
 constexpr U32 maxNumber = std::numeric_limits<U32>::max();
 
@@ -155,7 +154,7 @@ Zel::Ptr<TimedNumberPool> timedNumberPoolFactory() { return Zel::allocate<TimedN
 
 Zel::Ptr<NumberPoolWithTimestamp> TimedNumberPool::timedPoolIs(Seconds timestamp) {
   return instantiateChild(timedPool_, timestamp, &NotifieeConst::onTimedPool,
-                 numberPoolWithTimestampFactory, timestamp);
+                          numberPoolWithTimestampFactory, timestamp);
 }
 
 void TimedNumberPool::timedPoolDel(Seconds timestamp) {

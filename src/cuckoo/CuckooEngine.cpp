@@ -368,10 +368,9 @@ bool HashTable::deleteNewestCycle(Commands& commands) {
     }
     if (markSlot(commands[i]->location(), epoch)) continue;
     auto const ecIt = commands.begin() + std::ptrdiff_t(i);
-    auto const prevIter =
-        std::find_if(ecIt + 1, commands.end(), [&](Zel::Ptr<EvictCmd> const& cmd) {
-          return cmd->location() == (*ecIt)->location();
-        });
+    auto const prevIter = std::find_if(
+        ecIt + 1, commands.end(),
+        [&](Zel::Ptr<EvictCmd> const& cmd) { return cmd->location() == (*ecIt)->location(); });
     ZEL_ASSERT_AS((*prevIter)->oldItem() == (*ecIt)->newItem(),
                   "( *prevIter )->oldItem() == ( *ecIt )->newItem()");
     restoreRun(ecIt, prevIter + 1);
@@ -620,16 +619,17 @@ void endLine(std::string& out) {
 
 Zel::String HashTable::currentSnapshot() const {
   std::ostringstream out;
-  out << "HashTable " << status_->name() << ": " << tables_.size()
-      << " tables, occupancy " << status_->occupancy() << "\n";
+  out << "HashTable " << status_->name() << ": " << tables_.size() << " tables, occupancy "
+      << status_->occupancy() << "\n";
   for (auto const& [tableId, stat] : status_->tableStatIteratorConst()) {
     U64 const capacity = stat->tableDesc() ? capacityOf(*stat->tableDesc()) : 0;
     out << "Table[" << unsigned(tableId.value()) << "] numOfHashItems: " << stat->numOfHashItems()
         << " / " << capacity << ", numOfEvicts: " << stat->numOfEvicts() << "\n";
   }
   out << "retryCount: " << status_->retryCount() << ", cycleCount: " << status_->cycleCount()
-      << ", longestCycle: " << status_->longestCycle() << ", queued writes: "
-      << (status_->cuckooCmds() ? status_->cuckooCmds()->itemSeqs() : 0) << "\n";
+      << ", longestCycle: " << status_->longestCycle()
+      << ", queued writes: " << (status_->cuckooCmds() ? status_->cuckooCmds()->itemSeqs() : 0)
+      << "\n";
   out << "Pending items: " << status_->pendingItemSets();
   for (auto const& entry : status_->pendingItemSetIteratorConst()) out << " " << text(entry.second);
   out << "\n";
@@ -740,9 +740,8 @@ bool HashTable::verifyCuckooCmdsHitless() const {
     if (prevItem == cuckooItem->item()) continue;
     if (prevItem) {
       auto [first, last] = itemToLoc.equal_range(prevItem);
-      auto const place = std::find_if(first, last, [&](auto const& entry) {
-        return entry.second == cuckooItem->location();
-      });
+      auto const place = std::find_if(
+          first, last, [&](auto const& entry) { return entry.second == cuckooItem->location(); });
       if (place != last) itemToLoc.erase(place);
       if (cuckooItem->item() && !itemToLoc.count(prevItem)) {
         failed("itemToLoc.count( prevItem )", write, *cuckooItem);

@@ -17,8 +17,8 @@ struct Form {
   TristateBool value;
 };
 // In state order: forms[state] is that state's form.
-constexpr std::array<Form, 3> forms{{
-    {"notSet", TristateBool()}, {"true", TristateBool(true)}, {"false", TristateBool(false)}}};
+constexpr std::array<Form, 3> forms{
+    {{"notSet", TristateBool()}, {"true", TristateBool(true)}, {"false", TristateBool(false)}}};
 
 }  // namespace
 

@@ -19,9 +19,7 @@ constexpr U16 maxCount = 0xffff;
 U32 lastTimestamp = 0;
 U16 lastCount = 0;
 
-U32 currentSecond() {
-  return static_cast<U32>(static_cast<S64>(Zel::System::currentTime()));
-}
+U32 currentSecond() { return static_cast<U32>(static_cast<S64>(Zel::System::currentTime())); }
 
 }  // namespace
 

@@ -59,7 +59,7 @@ Seconds ActivityManager::waitFor(Seconds maxWaitSeconds) const noexcept {
 std::size_t ActivityManager::dispatchDescriptors(Seconds wait) {
   if (descriptors_.empty() && wait <= 0) return 0;
   // Round up, so that a wait for a notifiee does not end just before it is due and spin.
-  int const timeoutMs = wait == endOfTime ? -1
+  int const timeoutMs = wait == endOfTime        ? -1
                         : wait * 1000 >= INT_MAX ? INT_MAX
                                                  : static_cast<int>(std::ceil(wait * 1000));
   epoll_event events[64];
@@ -113,8 +113,7 @@ void ActivityManager::runUntil(Seconds t) {
   ZEL_ASSERT(!std::isnan(t));
   stopping_ = false;
   if (!System::virtualTime()) {
-    for (Seconds now = System::currentTime(); !stopping_ && now < t;
-         now = System::currentTime()) {
+    for (Seconds now = System::currentTime(); !stopping_ && now < t; now = System::currentTime()) {
       runOnce(t - now);
     }
     return;

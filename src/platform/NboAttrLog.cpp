@@ -1,7 +1,6 @@
 #include <Zel/Exception.h>
 #include <Zel/NboAttrLog.h>
 
-
 namespace Zel::NboAttrLog {
 
 Out& Out::operator<<(std::string_view value) {

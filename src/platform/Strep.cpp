@@ -68,7 +68,8 @@ void printStrep(std::string& out, std::string_view value) {
 
 char const* sequenceToValue(char const* begin, char const* end, bool* out) {
   for (auto [text, value] : {std::pair{std::string_view("True"), true}, {"False", false}}) {
-    if (std::size_t(end - begin) >= text.size() && std::memcmp(begin, text.data(), text.size()) == 0) {
+    if (std::size_t(end - begin) >= text.size() &&
+        std::memcmp(begin, text.data(), text.size()) == 0) {
       *out = value;
       return begin + text.size();
     }
@@ -76,16 +77,36 @@ char const* sequenceToValue(char const* begin, char const* end, bool* out) {
   throwDeserializing("bool");
 }
 
-char const* sequenceToValue(char const* b, char const* e, U8* out) { return parseNumber(b, e, out); }
-char const* sequenceToValue(char const* b, char const* e, U16* out) { return parseNumber(b, e, out); }
-char const* sequenceToValue(char const* b, char const* e, U32* out) { return parseNumber(b, e, out); }
-char const* sequenceToValue(char const* b, char const* e, U64* out) { return parseNumber(b, e, out); }
-char const* sequenceToValue(char const* b, char const* e, S8* out) { return parseNumber(b, e, out); }
-char const* sequenceToValue(char const* b, char const* e, S16* out) { return parseNumber(b, e, out); }
-char const* sequenceToValue(char const* b, char const* e, S32* out) { return parseNumber(b, e, out); }
-char const* sequenceToValue(char const* b, char const* e, S64* out) { return parseNumber(b, e, out); }
-char const* sequenceToValue(char const* b, char const* e, float* out) { return parseNumber(b, e, out); }
-char const* sequenceToValue(char const* b, char const* e, double* out) { return parseNumber(b, e, out); }
+char const* sequenceToValue(char const* b, char const* e, U8* out) {
+  return parseNumber(b, e, out);
+}
+char const* sequenceToValue(char const* b, char const* e, U16* out) {
+  return parseNumber(b, e, out);
+}
+char const* sequenceToValue(char const* b, char const* e, U32* out) {
+  return parseNumber(b, e, out);
+}
+char const* sequenceToValue(char const* b, char const* e, U64* out) {
+  return parseNumber(b, e, out);
+}
+char const* sequenceToValue(char const* b, char const* e, S8* out) {
+  return parseNumber(b, e, out);
+}
+char const* sequenceToValue(char const* b, char const* e, S16* out) {
+  return parseNumber(b, e, out);
+}
+char const* sequenceToValue(char const* b, char const* e, S32* out) {
+  return parseNumber(b, e, out);
+}
+char const* sequenceToValue(char const* b, char const* e, S64* out) {
+  return parseNumber(b, e, out);
+}
+char const* sequenceToValue(char const* b, char const* e, float* out) {
+  return parseNumber(b, e, out);
+}
+char const* sequenceToValue(char const* b, char const* e, double* out) {
+  return parseNumber(b, e, out);
+}
 
 namespace {
 
@@ -114,7 +135,8 @@ char const* parseQuoted(char const* at, char const* end, std::string* out, char 
       case 'n': text += '\n'; break;
       case 't': text += '\t'; break;
       case 'r': text += '\r'; break;
-      case '\'': case '\\': text += *at; break;
+      case '\'':
+      case '\\': text += *at; break;
       case 'x': {
         int high = at + 1 < end ? hexValue(at[1]) : -1;
         int low = at + 2 < end ? hexValue(at[2]) : -1;

@@ -115,8 +115,8 @@ void TimerWheel::NotifieeConst::timeMinIs(Seconds t) {
 
 // ---- The wheel --------------------------------------------------------------------------------
 
-Zel::Ptr<TimerWheel> timerWheelFactory(Zel::Ptr<Zel::Clock const> const& systemClock,
-                                       U32 tickMsecs, U32 initialMaxTicks, bool preserveOrder,
+Zel::Ptr<TimerWheel> timerWheelFactory(Zel::Ptr<Zel::Clock const> const& systemClock, U32 tickMsecs,
+                                       U32 initialMaxTicks, bool preserveOrder,
                                        U32 defaultBucketSize) {
   return Zel::allocate<TimerWheel>(systemClock, tickMsecs, initialMaxTicks, preserveOrder,
                                    defaultBucketSize);
@@ -162,8 +162,8 @@ void TimerWheel::handleInitialized() {
 
 void TimerWheel::doAddNewBucket(U32 size) {
   if (auto t = Zel::TraceHelper(trace(), traceLevels)) {
-    t << "TimerWheel::doAddNewBucket" << " ## Add a new bucket to index " << bucketCount()
-      << " of size " << size;
+    t << "TimerWheel::doAddNewBucket"
+      << " ## Add a new bucket to index " << bucketCount() << " of size " << size;
   }
   ZEL_ASSERT_AS(timers() == 0, "timers() == 0");
   BucketSize const checked(size);
@@ -384,10 +384,9 @@ U32 forwardTicks(TimerWheel const* tw, Notifiee const* n) { return ticksUntil(tw
   tw->levelTimerInc(bucketIndex);
   ++tw->insertions_;
   if (auto t = Zel::TraceHelper(trace(), traceFiling)) {
-    t << "Inserting " << n << " in bucket " << bucketIndex << " at index " << index
-      << " headNtail " << static_cast<void const*>(hnt) << " " << tw->insertions_
-      << " currentIndex " << tw->levels_[bucketIndex].current << " scheduled "
-      << tw->scheduledWheelIndex();
+    t << "Inserting " << n << " in bucket " << bucketIndex << " at index " << index << " headNtail "
+      << static_cast<void const*>(hnt) << " " << tw->insertions_ << " currentIndex "
+      << tw->levels_[bucketIndex].current << " scheduled " << tw->scheduledWheelIndex();
   }
   logEntry(tw, n, opFiled);
 }
@@ -509,8 +508,9 @@ U32 forwardTicks(TimerWheel const* tw, Notifiee const* n) { return ticksUntil(tw
 [[gnu::always_inline]] inline void maybeUpdateSystemClock(TimerWheel* tw, U32 level, U32 index,
                                                           bool added) {
   if (auto t = Zel::TraceHelper(trace(), traceStep)) {
-    t << "maybeUpdateSystemClock" << " event in bucketIndex " << level << " wheelIndex " << index
-      << " after add/remove? " << added;
+    t << "maybeUpdateSystemClock"
+      << " event in bucketIndex " << level << " wheelIndex " << index << " after add/remove? "
+      << added;
   }
   // The expiry loop schedules the clock itself as it ends.
   if (tw->systemClockHandlerActive()) return;
@@ -555,7 +555,7 @@ U32 findNextUsedIndex(TimerWheel const* tw, U32 startIndex) {
 }
 
 HeadNTail const* wheelAt(TimerWheel const* tw, U32 level, U32 index) {
-  ZEL_ASSERT(level < tw->bucketCount() && index < tw->bucketSize( level ));
+  ZEL_ASSERT(level < tw->bucketCount() && index < tw->bucketSize(level));
   return usedSlot(tw, level, index);
 }
 

@@ -154,7 +154,8 @@ TEST(BestFitRandom, TilesMergesFitsAndCompactsUnderChurn) {
       } else if (dice >= 75 && dice < 88) {
         U32 const n = std::min(size(), a->memSz());
         U32 const start = pick(a->memSz() - n + 1);
-        bool const allFree = std::count(table.begin() + start, table.begin() + start + n, -1) == std::ptrdiff_t(n);
+        bool const allFree =
+            std::count(table.begin() + start, table.begin() + start + n, -1) == std::ptrdiff_t(n);
         BlkPtr blk = a->realloc(start + a->offset(), n);
         ASSERT_EQ(bool(blk), allFree) << "realloc(" << start << ", " << n << ")";
         if (blk) held.push_back(blk);

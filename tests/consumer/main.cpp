@@ -15,7 +15,7 @@ private:
   int n_;
 };
 
-} // namespace
+}  // namespace
 
 int main() {
   Zel::Ptr<Greeting> g = Zel::allocate<Greeting>(42);

@@ -70,9 +70,8 @@ void expectDigest(std::string const& section, std::string const& text, U64 recor
   if (char const* dir = std::getenv("KIV_DIGEST_DIR")) {
     std::ofstream(std::string(dir) + "/" + section + ".txt") << text;
   }
-  EXPECT_EQ(fnv1a(text), recorded)
-      << section << ": 0x" << std::hex << fnv1a(text) << " over " << std::dec << text.size()
-      << " bytes";
+  EXPECT_EQ(fnv1a(text), recorded) << section << ": 0x" << std::hex << fnv1a(text) << " over "
+                                   << std::dec << text.size() << " bytes";
 }
 
 // The string form, the hash and the log bytes, and a check that the bytes read back to the value.
@@ -167,8 +166,8 @@ TEST(CrossTarget, SeededCuckooRunQueuesTheSameWrites) {
     out << '\n';
     config->cmdReadCompletedInc(1);
   }
-  out << "retries " << status->retryCount() << " cycles " << status->cycleCount()
-      << " longest " << status->longestCycle() << " occupancy " << status->occupancy() << '\n';
+  out << "retries " << status->retryCount() << " cycles " << status->cycleCount() << " longest "
+      << status->longestCycle() << " occupancy " << status->occupancy() << '\n';
   expectDigest("cuckoo", out.str(), 0x5879302854cb4e4full);
 }
 
@@ -354,7 +353,8 @@ TEST(CrossTarget, TransactionsRunInTheSameOrder) {
   for (U32 id = 1; id <= 60; ++id) {
     Zel::Ptr<Xact> const x = xacts->xact(id);
     out << id << ' ' << x->result();
-    for (auto const& [source, text] : x->commentIteratorConst()) out << ' ' << source << '=' << text;
+    for (auto const& [source, text] : x->commentIteratorConst())
+      out << ' ' << source << '=' << text;
     out << '\n';
   }
   expectDigest("xact", out.str(), 0x2bbc52f50ef82271ull);

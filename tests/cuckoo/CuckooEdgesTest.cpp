@@ -36,9 +36,9 @@ TEST(CuckooValues, RangeErrorsStreamFormsAndLocationOrder) {
 
   auto config = configFactory("c", 1);
   for (U8 binSize : {U8(0), U8(9)}) {
-    EXPECT_THAT([&] { config->tableDescListIs(TableId(0), 16, binSize); },
-                ThrowsMessage<Zel::RangeException>(
-                    "TableDescriptor::binSize < 1 or > 8 not allowed"));
+    EXPECT_THAT(
+        [&] { config->tableDescListIs(TableId(0), 16, binSize); },
+        ThrowsMessage<Zel::RangeException>("TableDescriptor::binSize < 1 or > 8 not allowed"));
   }
   config->tableDescListIs(TableId(0), 16, 8);
   auto const again = [](std::string const& what) {
@@ -68,7 +68,10 @@ TEST(CuckooDeathTest, ConfigurationErrorsAndMisuseAreFatal) {
   for (U8 id = 0; id <= TableId::null; ++id) ten.emplace_back(id, 4);
   std::tuple<U8, std::vector<std::pair<U8, U32>>, U32, U32, char const*> const configs[] = {
       {0, {}, 200, 3, "config\\(\\)->numTables\\(\\) \\("},
-      {2, {{0, 8}}, 200, 3,
+      {2,
+       {{0, 8}},
+       200,
+       3,
        "config\\(\\)->numTables\\(\\) == config\\(\\)->tableDescLists\\(\\) \\("},
       {1, {{0, 8}}, 200, 0, "config\\(\\)->maxRetry\\(\\) \\("},
       {1, {{0, 8}}, 0, 3, "config\\(\\)->maxLoop\\(\\) \\("},
@@ -144,8 +147,8 @@ TEST(CuckooEviction, PathsAreQueuedNewestFirstOnceASlotAndHitlessDropsCycles) {
     for (auto const& write : rig.queue()->itemSeqIteratorConst()) {
       queued.emplace_back(write->location(), write->item());
     }
-    EXPECT_EQ(queued, (hitless ? Writes{{l4, c}, {l3, n}}
-                               : Writes{{l4, c}, {l3, n}, {l1, b}, {l2, a}}));
+    EXPECT_EQ(queued,
+              (hitless ? Writes{{l4, c}, {l3, n}} : Writes{{l4, c}, {l3, n}, {l1, b}, {l2, a}}));
     EXPECT_EQ(rig.status->cycleCount(), hitless ? 1u : 0u);
     EXPECT_EQ(rig.status->longestCycle(), hitless ? 1u : 0u);
     EXPECT_EQ(rig.status->tableStat(TableId(1))->numOfEvicts(), hitless ? 1u : 2u);
@@ -243,8 +246,8 @@ TEST(CuckooIntrospection, TextsAndReflection) {
   Zel::GenericIf::type("Kiv::Cuckoo::Config")
       ->attributeValueIs(*rig.config, "cmdReadCompleted", "1");
   EXPECT_EQ(rig.queue()->itemSeqs(), 0u);
-  auto const made = Zel::GenericIf::type("Kiv::Cuckoo::IntHashItem")
-                        ->genericIfFromCtorArgs({"7", "3", "1", "0"});
+  auto const made =
+      Zel::GenericIf::type("Kiv::Cuckoo::IntHashItem")->genericIfFromCtorArgs({"7", "3", "1", "0"});
   EXPECT_TRUE(rig.table->insertItem(Zel::dynamicPtrCast<HashItem const>(made)));
   EXPECT_EQ(rig.table->itemShadow(at(1, 0, 1)), made) << "bucket 3 of table 0 is full";
 

@@ -30,8 +30,10 @@ bool replay(Rig const& rig, Slots const& before, Zel::Ptr<HashItem const> const&
   for (Zel::Ptr<CuckooItem> const& write : rig.queue()->itemSeqIteratorConst()) {
     auto const old = real.find(write->location());
     EXPECT_EQ(write->replacedItem(), old == real.end() ? nullptr : old->second);
-    if (write->item()) real[write->location()] = write->item();
-    else real.erase(write->location());
+    if (write->item())
+      real[write->location()] = write->item();
+    else
+      real.erase(write->location());
     for (auto const& [location, resident] : before) {
       bool const gone = removed && removed->isEqual(resident);
       hitless = hitless && (gone || rig.findable(real, resident));
@@ -87,7 +89,8 @@ TEST_P(HitlessWorkload, EveryWriteKeepsEveryResidentFindable) {
     auto const probed = rig.slotsOf(item);
     auto const free = std::ranges::find_if(probed, [&](auto const& l) { return !before.count(l); });
     ASSERT_TRUE(!inserting || wasPresent || free == probed.end() ||
-                rig.table->itemShadow(*free) == item) << "the first free slot is not taken";
+                rig.table->itemShadow(*free) == item)
+        << "the first free slot is not taken";
     // Lookups go by key: another handle finds the resident exactly when it is present.
     auto const twin = intHashItemFactory(keyOf(item), item->getHash(TableId(0)),
                                          item->getHash(TableId(1)), item->getHash(TableId(2)));
@@ -122,8 +125,10 @@ TEST_P(HitlessWorkload, EveryWriteKeepsEveryResidentFindable) {
   // The workload must have reached the hard cases, or it proves little.
   EXPECT_GT(rig.status->retryCount(), 0u) << "no insert failed";
   EXPECT_GE(longestQueue, 4u) << "no long eviction path";
-  if (w.hitless) EXPECT_GT(rig.status->cycleCount(), 0u) << "no cycle was removed";
-  else EXPECT_GT(lapses, 0u) << "without cycle deletion some queue should lose an item a while";
+  if (w.hitless)
+    EXPECT_GT(rig.status->cycleCount(), 0u) << "no cycle was removed";
+  else
+    EXPECT_GT(lapses, 0u) << "without cycle deletion some queue should lose an item a while";
 }
 
 INSTANTIATE_TEST_SUITE_P(

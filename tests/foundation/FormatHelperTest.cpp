@@ -14,7 +14,7 @@ namespace {
 
 TEST(FormatValueSi, PrefixBoundariesUnscaledValuesAndStreamState) {
   std::pair<double, char const*> const cases[] = {
-      {999.99, "1000 B"}, {1000, "1 kB"}, {1234567, "1.235 MB"}, {2.5e9, "2.5 GB"},
+      {999.99, "1000 B"},     {1000, "1 kB"},    {1234567, "1.235 MB"},        {2.5e9, "2.5 GB"},
       {999.9e12, "999.9 TB"}, {1e15, "1e+15 B"}, {-1234567, "-1.23457e+06 B"}, {NAN, "nan B"}};
   for (auto [value, text] : cases) {
     std::ostringstream out;
@@ -31,13 +31,20 @@ TEST(FormatValueSi, PrefixBoundariesUnscaledValuesAndStreamState) {
 
 TEST(FormatTimeInterval, ClockAndDayFormsEveryOverloadAndTheExtremes) {
   std::pair<std::string, std::string> const cases[] = {
-      {formatTimeInterval(59l), "00:00:59"}, {formatTimeInterval(-59l), "-00:00:59"},
-      {formatTimeInterval(86399l), "23:59:59"}, {formatTimeInterval(86400l), "1d00h"},
-      {formatTimeInterval(-90061l), "-1d01h"}, {formatTimeInterval(8722800l), "100d23h"},
-      {formatTimeInterval(90061), "1d01h"}, {formatTimeInterval(90061u), "1d01h"},
-      {formatTimeInterval(90061ll), "1d01h"}, {formatTimeInterval(90061ul), "1d01h"},
-      {formatTimeInterval(90061ull), "1d01h"}, {formatTimeInterval(90061.9), "1d01h"},
-      {formatTimeInterval(-59.9), "-00:00:59"}, {formatTimeInterval(NAN), "00:00:00"},
+      {formatTimeInterval(59l), "00:00:59"},
+      {formatTimeInterval(-59l), "-00:00:59"},
+      {formatTimeInterval(86399l), "23:59:59"},
+      {formatTimeInterval(86400l), "1d00h"},
+      {formatTimeInterval(-90061l), "-1d01h"},
+      {formatTimeInterval(8722800l), "100d23h"},
+      {formatTimeInterval(90061), "1d01h"},
+      {formatTimeInterval(90061u), "1d01h"},
+      {formatTimeInterval(90061ll), "1d01h"},
+      {formatTimeInterval(90061ul), "1d01h"},
+      {formatTimeInterval(90061ull), "1d01h"},
+      {formatTimeInterval(90061.9), "1d01h"},
+      {formatTimeInterval(-59.9), "-00:00:59"},
+      {formatTimeInterval(NAN), "00:00:00"},
       {formatTimeInterval(-double(LONG_MIN)), formatTimeInterval(LONG_MAX)},  // first beyond long
       {formatTimeInterval(-1e300), formatTimeInterval(LONG_MIN)}};
   for (auto const& [text, expected] : cases) EXPECT_EQ(text, expected);

@@ -10,10 +10,10 @@
 
 #include <gtest/gtest.h>
 
+#include <unistd.h>
 #include <random>
 #include <string>
 #include <type_traits>
-#include <unistd.h>
 #include <vector>
 
 namespace Kiv {

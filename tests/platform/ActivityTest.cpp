@@ -70,7 +70,9 @@ struct RandomSchedule {
     switch (pick(9)) {
       case 0: timeMinIs(id, endOfTime); break;
       case 1: replace(id); break;
-      case 2: if (self >= 0) timeMinIs(self, currentTime() - pick(3)); break;
+      case 2:
+        if (self >= 0) timeMinIs(self, currentTime() - pick(3));
+        break;
       case 3:
         probes_[id]->notifierIs(other_);
         probes_[id]->notifierIs(pick(2) ? loopClock() : nullptr);
@@ -100,7 +102,11 @@ struct RandomSchedule {
     EXPECT_EQ(seen, expected);
   }
 
-  struct Key { Seconds time; Zel::U64 order; auto operator<=>(Key const&) const = default; };
+  struct Key {
+    Seconds time;
+    Zel::U64 order;
+    auto operator<=>(Key const&) const = default;
+  };
   using Entry = std::pair<Key const, int>;
 
   bool current(Entry const& e) const { return keyOf_[e.second] == e.first; }
@@ -114,7 +120,10 @@ struct RandomSchedule {
     probes_[id] = std::make_unique<Alarm>(endOfTime, [this, id](Alarm&) { fired(id); });
     model(id, endOfTime);
   }
-  void timeMinIs(int id, Seconds t) { probes_[id]->timeMinIs(t); model(id, t); }
+  void timeMinIs(int id, Seconds t) {
+    probes_[id]->timeMinIs(t);
+    model(id, t);
+  }
   void fired(int id) {
     ++firings;
     Seconds const now = currentTime();
@@ -188,7 +197,10 @@ TEST_F(ActivityTest, RunEndsWhenNothingIsArmedOrOnStopAndNeverFiresEarly) {
 // Both ends of a stream socketpair, closed with it.
 struct SocketPair {
   SocketPair() { EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends), 0); }
-  ~SocketPair() { close(ends[0]); close(ends[1]); }
+  ~SocketPair() {
+    close(ends[0]);
+    close(ends[1]);
+  }
   void send(std::string_view bytes) const {
     EXPECT_EQ(write(ends[1], bytes.data(), bytes.size()), ssize_t(bytes.size()));
   }
@@ -212,8 +224,8 @@ struct Reader : Zel::FileDescriptor::Notifiee {
 };
 
 // Readability is level-triggered: bytes left unread notify again on the next turn. What a clock
-// handler writes to a watched socket is read whole at the same virtual instant. A number reused after
-// its first owner closed it notifies its new owner. A refused number throws its errno and the
+// handler writes to a watched socket is read whole at the same virtual instant. A number reused
+// after its first owner closed it notifies its new owner. A refused number throws its errno and the
 // previous one stays watched. A handler may destroy another descriptor due in the same turn,
 // which is then skipped.
 TEST_F(ActivityTest, ReadabilityRegistrationsAndRefusals) {
@@ -237,8 +249,8 @@ TEST_F(ActivityTest, ReadabilityRegistrationsAndRefusals) {
   std::FILE* file = std::tmpfile();  // open, but regular files cannot be watched
   EXPECT_THAT([&] { reader.fd->descriptorIs(fileno(file)); },
               testing::ThrowsMessage<Zel::ErrnoException>("epoll_ctl add descriptor " +
-                                                 std::to_string(fileno(file)) +
-                                                 ": Operation not permitted"));
+                                                          std::to_string(fileno(file)) +
+                                                          ": Operation not permitted"));
   std::fclose(file);
   EXPECT_THAT([&] { reader.fd->descriptorIs(1 << 24); },  // beyond any limit
               testing::ThrowsMessage<Zel::ErrnoException>(

@@ -44,12 +44,18 @@ public:
       : note_(note), tag_(tag), ratio_(ratio), offset_(offset), flag_(flag), mood_(mood) {
     pidIs(pid);
   }
-  Zel::String note() const { return note_; } void noteIs(Zel::String v) { note_ = std::move(v); }
-  Zel::Name tag() const { return tag_; } void tagIs(Zel::Name v) { tag_ = v; }
-  double ratio() const { return ratio_; } void ratioIs(double v) { ratio_ = v; }
-  S64 offset() const { return offset_; } void offsetIs(S64 v) { offset_ = v; }
-  bool flag() const { return flag_; } void flagIs(bool v) { flag_ = v; }
-  Mood mood() const { return mood_; } void moodIs(Mood v) { mood_ = v; }
+  Zel::String note() const { return note_; }
+  void noteIs(Zel::String v) { note_ = std::move(v); }
+  Zel::Name tag() const { return tag_; }
+  void tagIs(Zel::Name v) { tag_ = v; }
+  double ratio() const { return ratio_; }
+  void ratioIs(double v) { ratio_ = v; }
+  S64 offset() const { return offset_; }
+  void offsetIs(S64 v) { offset_ = v; }
+  bool flag() const { return flag_; }
+  void flagIs(bool v) { flag_ = v; }
+  Mood mood() const { return mood_; }
+  void moodIs(Mood v) { mood_ = v; }
   U16 pid() const { return pid_; }
   void pidIs(U16 v) {
     if (v > 1000) throw Zel::RangeException("Record::pid > 1000 not allowed");
@@ -88,8 +94,10 @@ public:
   public:
     virtual void onCount() {}
   };
-  U32 id() const { return id_; } U32 size() const { return size_; }
-  Zel::Name shade() const { return shade_; } U32 area() const { return id_ * size_; }
+  U32 id() const { return id_; }
+  U32 size() const { return size_; }
+  Zel::Name shade() const { return shade_; }
+  U32 area() const { return id_ * size_; }
   U32 count() const { return count_; }
   void countIs(U32 v) { attributeIs(count_, v, &NotifieeConst::onCount); }
   void countInc(U32 d) { attributeInc(count_, d, &NotifieeConst::onCount); }

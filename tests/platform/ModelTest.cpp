@@ -27,10 +27,22 @@ TEST(MutatorContract, RandomMutationsNotifyExactlyOncePerChangeAfterTheStore) {
     auto const was = std::pair(count, comments);
     events.clear();
     switch (rng() % 6) {
-      case 0: leaf->countIs(c); count = c; break;
-      case 1: leaf->countInc(c); count = U32(count + c); break;
-      case 2: tree->commentIs(key, value); comments[k] = value; break;
-      case 3: tree->commentDel(key); comments[k] = ""; break;
+      case 0:
+        leaf->countIs(c);
+        count = c;
+        break;
+      case 1:
+        leaf->countInc(c);
+        count = U32(count + c);
+        break;
+      case 2:
+        tree->commentIs(key, value);
+        comments[k] = value;
+        break;
+      case 3:
+        tree->commentDel(key);
+        comments[k] = "";
+        break;
       case 4:
         if (rng() % 10 != 0) break;
         tree->commentDelAll();

@@ -24,7 +24,7 @@ TEST(Ptr, RandomHandleTrafficMatchesAModelOfHolders) {
   auto& track = Zel::AllocTrackTypeInfo::of<Probe>();
   U64 const live = track.live(), allocations = track.allocations();
   std::mt19937 rng(29);
-  std::deque<int> destroyed;        // per object, in order of creation
+  std::deque<int> destroyed;       // per object, in order of creation
   std::vector<int> holder(8, -1);  // the model: which object each slot holds
   std::vector<Probe*> raw;
   U64 refused = 0;  // attempts count as allocations, never as live
@@ -38,13 +38,22 @@ TEST(Ptr, RandomHandleTrafficMatchesAModelOfHolders) {
           raw.push_back(slots[i].ptr());
           holder[i] = int(raw.size()) - 1;
           break;
-        case 1: slots[i] = slots[j]; holder[i] = holder[j]; break;
+        case 1:
+          slots[i] = slots[j];
+          holder[i] = holder[j];
+          break;
         case 2:
           slots[i] = std::move(slots[j]);
           holder[i] = std::exchange(holder[j], i == j ? holder[j] : -1);
           break;
-        case 3: slots[i].swap(slots[j]); std::swap(holder[i], holder[j]); break;
-        case 4: slots[i] = nullptr; holder[i] = -1; break;
+        case 3:
+          slots[i].swap(slots[j]);
+          std::swap(holder[i], holder[j]);
+          break;
+        case 4:
+          slots[i] = nullptr;
+          holder[i] = -1;
+          break;
         case 5:
           slots[j] = Zel::dynamicPtrCast<Probe>(Zel::Ptr<Zel::PtrInterface>(slots[i]));
           holder[j] = holder[i];

@@ -66,8 +66,9 @@ std::string layout(Zel::GenericIf const& type) {
 TEST_F(Reflection, FindsTypesByFullNameAndReadsAndWritesScalarsThroughTheirMutators) {
   EXPECT_EQ(Zel::GenericIf::type("Kiv::Test::Tree"), &treeType);
   EXPECT_EQ(Zel::GenericIf::type("Tree"), nullptr);
-  EXPECT_EQ(layout(leafType), "id:constructorParameter size:constructorParameter "
-                              "shade:constructorParameter count:scalar area:computed ");
+  EXPECT_EQ(layout(leafType),
+            "id:constructorParameter size:constructorParameter "
+            "shade:constructorParameter count:scalar area:computed ");
   EXPECT_EQ(layout(recordType),
             "note:field tag:field ratio:field offset:field flag:field mood:field pid:field ");
   std::string const canonical = Zel::valueToStrep(sampleRecord()).str();
@@ -122,9 +123,11 @@ TEST_F(Reflection, ConstructsEntitiesFromGenericArguments) {
   U64 const live = leaves.live();
   EXPECT_THAT([&] { leafType.genericIfFromCtorArgs({U32(1)}); },
               ThrowsMessage<Zel::RangeException>("Wrong number of constructor arguments"));
-  EXPECT_THAT([&] { leafType.genericIfFromCtorArgs({1, U32(2), "''"}); },
-              ThrowsMessage<Zel::RangeException>(
-                  "Generic argument is neither U32 nor its string form"));
+  EXPECT_THAT(
+      [&] {
+        leafType.genericIfFromCtorArgs({1, U32(2), "''"});
+      },
+      ThrowsMessage<Zel::RangeException>("Generic argument is neither U32 nor its string form"));
   EXPECT_EQ(leaves.live(), live);
 }
 

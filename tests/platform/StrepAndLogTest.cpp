@@ -10,7 +10,8 @@ namespace {
 
 // A single field named "value": its string form is the bare number.
 struct Seq : Zel::Value<Seq> {
-  U32 value() const { return v; } void valueIs(U32 x) { v = x; }
+  U32 value() const { return v; }
+  void valueIs(U32 x) { v = x; }
   static constexpr auto zelFields() {
     return Zel::valueFields("Kiv::Test::Seq", Zel::field("value", &Seq::value, &Seq::valueIs));
   }
@@ -19,7 +20,7 @@ struct Seq : Zel::Value<Seq> {
 
 // Bytes that the string form must escape are drawn far more often than by chance.
 std::string randomText(std::mt19937_64& rng) {
-  static constexpr char special[] = {'\'', '\\', '\n', '\t', '\r', '\0', '\x01', '\x7f',
+  static constexpr char special[] = {'\'',   '\\',   '\n', '\t', '\r', '\0', '\x01', '\x7f',
                                      '\x80', '\xff', ' ',  'x',  ',',  '}',  ')'};
   std::string text(rng() % 12, ' ');
   for (char& c : text) c = rng() % 2 ? special[rng() % sizeof special] : char(rng());
@@ -29,8 +30,9 @@ std::string randomText(std::mt19937_64& rng) {
 Record randomRecord(std::mt19937_64& rng) {
   using D = std::numeric_limits<double>;
   using L = std::numeric_limits<S64>;
-  static constexpr double ratios[] = {D::infinity(), -D::infinity(), D::max(), D::lowest(),
-                                      D::min(), D::denorm_min(), -D::denorm_min(), -0.0, 0.0};
+  static constexpr double ratios[] = {D::infinity(),    -D::infinity(), D::max(),
+                                      D::lowest(),      D::min(),       D::denorm_min(),
+                                      -D::denorm_min(), -0.0,           0.0};
   static constexpr S64 offsets[] = {L::min(), L::max(), -1, 0};
   double ratio = rng() % 3 ? std::bit_cast<double>(U64(rng())) : ratios[rng() % std::size(ratios)];
   return Record(randomText(rng), randomText(rng), std::isnan(ratio) ? 0.5 : ratio,
@@ -83,12 +85,18 @@ std::string const canonical =
 TEST(ValueForms, MalformedTextThrowsAndLeavesTheTargetUnchanged) {
   std::string const error = "Error deserializing Kiv::Test::Record";
   std::tuple<std::string, std::string, std::string> const edits[] = {
-      {canonical, "", error},           {"'pid': 2", "'pid': 2x", error},
-      {"Record", "Seq", error},         {"'pid'", "'pod'", error},
-      {"{", "", error},                 {", 'pid': 2", "", error},
-      {"'pid': 2", "'pid': -1", error}, {"'pid': 2", "'pid': 70000", error},
-      {"True", "Tru", error},           {"busy", "busy2", error},
-      {"'t'", "'t", error},             {"2})", "5000})", "Record::pid > 1000 not allowed"}};
+      {canonical, "", error},
+      {"'pid': 2", "'pid': 2x", error},
+      {"Record", "Seq", error},
+      {"'pid'", "'pod'", error},
+      {"{", "", error},
+      {", 'pid': 2", "", error},
+      {"'pid': 2", "'pid': -1", error},
+      {"'pid': 2", "'pid': 70000", error},
+      {"True", "Tru", error},
+      {"busy", "busy2", error},
+      {"'t'", "'t", error},
+      {"2})", "5000})", "Record::pid > 1000 not allowed"}};
   Record const sentinel("x", "y", 1, 2, false, Mood::lost, 3);
   for (auto const& [from, to, message] : edits) {
     std::string text = canonical;
@@ -120,12 +128,11 @@ TEST(ValueForms, ExactTextAndBytes) {
 
   Zel::NboAttrLog::Out out;
   out << Record("ab", "", 1.0, -2, true, Mood::lost, 0x0305);
-  std::vector<U8> bytes{
-      0,    0,    0,    2,    'a',  'b',               // note: length, then the bytes
-      0,    0,    0,    0,                             // tag: empty
-      0x3f, 0xf0, 0,    0,    0,    0,    0,    0,     // ratio: 1.0
-      0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xfe,  // offset: -2
-      1,    2,    3,    5};                            // flag, mood: lost, pid
+  std::vector<U8> bytes{0,    0,    0,    2,    'a',  'b',  // note: length, then the bytes
+                        0,    0,    0,    0,                // tag: empty
+                        0x3f, 0xf0, 0,    0,    0,    0,    0,    0,     // ratio: 1.0
+                        0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xfe,  // offset: -2
+                        1,    2,    3,    5};                            // flag, mood: lost, pid
   EXPECT_EQ(out.bytes(), bytes);
   bytes.end()[-2] = 0x13;  // pid: 5000
   bytes.end()[-1] = 0x88;

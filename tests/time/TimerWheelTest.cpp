@@ -113,8 +113,8 @@ struct RunConfig {
 
 // Names a run by its shape in test listings.
 void PrintTo(RunConfig const& c, std::ostream* out) {
-  *out << "tick " << c.tickMsecs << " ms, " << c.levels << " levels of " << c.bucketSize
-       << " for " << c.initialMaxTicks << " ticks, " << (c.preserveOrder ? "" : "no ")
+  *out << "tick " << c.tickMsecs << " ms, " << c.levels << " levels of " << c.bucketSize << " for "
+       << c.initialMaxTicks << " ticks, " << (c.preserveOrder ? "" : "no ")
        << "order kept, process time limit " << c.processTimeLimit << " s, seed " << c.seed;
 }
 
@@ -128,7 +128,11 @@ protected:
   static constexpr U32 timers = 48;
   // due: the deadline, or the arming time for one already past; the end of time when unarmed.
   // fifo: filed within the capacity, so its order among equal deadlines is kept.
-  struct State { Seconds due = endOfTime; U32 seq = 0; bool fifo = false; };
+  struct State {
+    Seconds due = endOfTime;
+    U32 seq = 0;
+    bool fifo = false;
+  };
 
   U32 pick(U32 n) { return std::uniform_int_distribution<U32>(0, n - 1)(random_); }
   static Seconds now() { return currentTime(); }
@@ -259,12 +263,15 @@ TEST_F(TimerWheelTest, ArgumentChecksAndSaturatedCapacity) {
                     limit = "TimerWheel::processTimeLimit < 0 or > 0.5 not allowed",
                     bucket = "BucketSize::value < 2 or > 0xfffffffe not allowed";
   std::pair<std::function<void()>, std::string> const refused[] = {
-      {[] { makeWheel(0, 1, 1); }, tick}, {[] { makeWheel(3600001); }, tick},
+      {[] { makeWheel(0, 1, 1); }, tick},
+      {[] { makeWheel(3600001); }, tick},
       {[] { makeWheel(10, 1, 1); }, "TimerWheel::initialMaxTicks < 2 or > 0xffffffff not allowed"},
-      {[] { makeWheel(10, 100, 1); }, size}, {[] { makeWheel(10, 100, 65537); }, size},
+      {[] { makeWheel(10, 100, 1); }, size},
+      {[] { makeWheel(10, 100, 65537); }, size},
       {[&] { wheel->processTimeLimitIs(-0.001); }, limit},
       {[&] { wheel->processTimeLimitIs(0.5001); }, limit},
-      {[&] { wheel->processTimeLimitIs(NAN); }, limit}, {[] { Kiv::BucketSize(1); }, bucket},
+      {[&] { wheel->processTimeLimitIs(NAN); }, limit},
+      {[] { Kiv::BucketSize(1); }, bucket},
       {[] { Zel::strepToValue<Kiv::BucketSize>("4294967295"); }, bucket},
       {[&] { wheel->doAddNewBucket(1); }, bucket}};
   for (std::size_t k = 0; k < std::size(refused); ++k) {
@@ -283,7 +290,9 @@ TEST_F(TimerWheelTest, ArgumentChecksAndSaturatedCapacity) {
 // deadline beyond the capacity goes to the farthest slot of the last level and is filed again
 // from there. One already past, or 0 once attached, lands in the current slot and fires next.
 TEST_F(TimerWheelTest, DeadlinesRoundFarOnesAreRefiledAndPastOnesFireNext) {
-  Probe rounded[] = {{wheel, start + 0.0106}, {wheel, start + 0.0104}, {wheel, start + 0.0096},
+  Probe rounded[] = {{wheel, start + 0.0106},
+                     {wheel, start + 0.0104},
+                     {wheel, start + 0.0096},
                      {wheel, start + 0.0004}};
   auto const fine = makeWheel(1);
   Probe half(fine, start + 0.0625);  // 62.5 ms, exact in binary
@@ -318,8 +327,8 @@ TEST_F(TimerWheelTest, DeadlinesRoundFarOnesAreRefiledAndPastOnesFireNext) {
 // one slot, and catching up must skip none. Offset time gives the clock the delay from now.
 TEST_F(TimerWheelTest, ClockEventsProcessTimeLimitAndOffsetTime) {
   wheel->systemClockDel();
-  Probe probes[] = {{wheel, start + 0.01}, {wheel, start + 0.02}, {wheel, start + 0.03},
-                    {wheel, start + 0.04}};
+  Probe probes[] = {
+      {wheel, start + 0.01}, {wheel, start + 0.02}, {wheel, start + 0.03}, {wheel, start + 0.04}};
   Zel::System::virtualTimeIs(start + 1);
   EXPECT_EQ(activity()->runOnce(0), 0u);
   wheel->processTimeLimitIs(0);

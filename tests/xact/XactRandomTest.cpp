@@ -240,7 +240,8 @@ private:
       ++paths_["dependency"];
     } else {
       // The scan runs every pollingInterval; a time slice under way may hold it back a little.
-      EXPECT_TRUE(age >= timeout && age < timeout + pollingInterval + 0.1) << "timed out at " << age;
+      EXPECT_TRUE(age >= timeout && age < timeout + pollingInterval + 0.1)
+          << "timed out at " << age;
       EXPECT_EQ(comments(x), t.unanswered);
       ++paths_["timeout"];
     }
