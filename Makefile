@@ -120,12 +120,14 @@ bench32: release32
 
 format:
 	@sh cmake/install-deps.sh $(CLANG_FORMAT)
-	$(CLANG_FORMAT) -i $(FORMAT_FILES)
+	@echo "$(CLANG_FORMAT) -i: $(words $(FORMAT_FILES)) files"
+	@$(CLANG_FORMAT) -i $(FORMAT_FILES)
 
 # Fails, naming the places, when a source is not formatted as .clang-format says.
 format-check:
 	@sh cmake/install-deps.sh $(CLANG_FORMAT)
-	$(CLANG_FORMAT) --dry-run --Werror $(FORMAT_FILES)
+	@echo "$(CLANG_FORMAT) --dry-run: $(words $(FORMAT_FILES)) files"
+	@$(CLANG_FORMAT) --dry-run --Werror $(FORMAT_FILES)
 
 install: release
 	$(CMAKE) --install $(RELEASE) --prefix $(PREFIX)

@@ -31,6 +31,10 @@ namespace Zel {
        ? void(0)                                     \
        : ::Zel::assertionFailed(text, __FILE__, __LINE__, __func__))
 
+// An assertion that fails wherever it is reached, printing `text`: for a base version whose very
+// call is the failure. It does not return.
+#define ZEL_FAIL_AS(text) ::Zel::assertionFailed(text, __FILE__, __LINE__, __func__)
+
 // Like ZEL_ASSERT, but first prints the Failed line; `detail` is streamed only on failure.
 #define ZEL_CHECK(condition, detail) ZEL_CHECK_AS(condition, #condition, detail)
 

@@ -26,16 +26,12 @@ std::ostream& operator<<(std::ostream& out, CuckooLocation const& location) {
 // The base versions have nothing to test: reaching one is the failure, with the text the
 // contract names.
 bool HashItem::isEqual(Zel::Ptr<HashItem const> const&) const {
-  Zel::assertionFailed("(!(\"not implemented\"))", __FILE__, __LINE__, __func__);
+  ZEL_FAIL_AS("(!(\"not implemented\"))");
 }
 
-U32 HashItem::getHash(TableId) const {
-  Zel::assertionFailed("(!(\"not implemented\"))", __FILE__, __LINE__, __func__);
-}
+U32 HashItem::getHash(TableId) const { ZEL_FAIL_AS("(!(\"not implemented\"))"); }
 
-Zel::String HashItem::toStrep() const {
-  Zel::assertionFailed("(!(\"not implemented\"))", __FILE__, __LINE__, __func__);
-}
+Zel::String HashItem::toStrep() const { ZEL_FAIL_AS("(!(\"not implemented\"))"); }
 
 Zel::Ptr<IntHashItem> intHashItemFactory(U32 key, U32 hashIndex0, U32 hashIndex1, U32 hashIndex2) {
   return Zel::allocate<IntHashItem>(key, hashIndex0, hashIndex1, hashIndex2);

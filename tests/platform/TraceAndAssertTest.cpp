@@ -67,6 +67,7 @@ TEST(AssertDeathTest, PrintTheConditionWhereAndDetailThenAbort) {
   EXPECT_DEATH(ZEL_CHECK(1 + 1 == 3, "detail " << 5),
                "Failed\\(1 \\+ 1 == 3\\) detail 5\nAssertion failed: .*1 \\+ 1 == 3");
   EXPECT_DEATH(ZEL_ASSERT_AS(1 > 2, "one( more )"), "Assertion failed: one\\( more \\) \\(");
+  EXPECT_DEATH(ZEL_FAIL_AS("unreachable"), "Assertion failed: unreachable \\(");
   EXPECT_DEATH(ZEL_CHECK_AS(1 > 2, "one( more )", "by " << 1),
                "Failed\\(one\\( more \\)\\) by 1\nAssertion failed: !\"one\\( more \\)\"");
   int formatted = 0;
