@@ -47,10 +47,10 @@ public:
     return level != unread ? level : readLevel();
   }
   void levelIs(int level) noexcept { level_.store(level, std::memory_order_relaxed); }
-  // The level not yet read is above every statement's, so the first test reads it.
-  bool enabled(int level) const noexcept {
-    int const current = level_.load(std::memory_order_relaxed);
-    return level <= current && (current != unread || level <= readLevel());
+  // The level not yet read is above every statement's, so the first test goes on to read it.
+  // Inline, the test is one load and one compare; only a statement that passes it calls out.
+  [[gnu::always_inline]] bool enabled(int level) const noexcept {
+    return level <= level_.load(std::memory_order_relaxed) && levelRead(level);
   }
 
   // Writes one finished trace line.
@@ -62,6 +62,8 @@ private:
 
   // Takes the level KIV_TRACE gives this handle and returns it.
   int readLevel() const noexcept;
+  // Whether `level` passes once the handle's level has been read.
+  bool levelRead(int level) const noexcept;
 
   char const* name_;
   mutable std::atomic<int> level_{unread};
@@ -88,12 +90,13 @@ TraceHandle& traceHandle() {
 class TraceHelper {
 public:
   // The defaults capture the statement's own file, line and function. A disabled statement keeps
-  // nothing but a null pointer, so it costs the level test alone.
-  TraceHelper(TraceHandle const& handle, int level, char const* file = __builtin_FILE(),
-              unsigned line = __builtin_LINE(), char const* function = __builtin_FUNCTION()) {
-    if (handle.enabled(level)) [[unlikely]]
-      start(handle, level, file, line, function);
-  }
+  // nothing but a null pointer, so it costs the level test alone: forced inline, since a function
+  // with many statements would otherwise call out for each test.
+  [[gnu::always_inline]] TraceHelper(TraceHandle const& handle, int level,
+                                     char const* file = __builtin_FILE(),
+                                     unsigned line = __builtin_LINE(),
+                                     char const* function = __builtin_FUNCTION())
+      : line_(handle.enabled(level) ? start(handle, level, file, line, function) : nullptr) {}
   TraceHelper(TraceHelper const&) = delete;
   TraceHelper& operator=(TraceHelper const&) = delete;
   ~TraceHelper() {
@@ -120,13 +123,14 @@ private:
     char const* function;
   };
 
-  // Out of line, so that the disabled path inlines to the level test alone; finish() writes the
-  // line and frees it.
-  void start(TraceHandle const& handle, int level, char const* file, unsigned line,
-             char const* function);
+  // Out of line, so that the disabled path inlines to the level test alone (the null line is
+  // stored after the test, so the compiler sees it through to the statement's end); finish()
+  // writes the line and frees it.
+  static Line* start(TraceHandle const& handle, int level, char const* file, unsigned line,
+                     char const* function);
   void finish() noexcept;
 
-  Line* line_ = nullptr;
+  Line* line_;
 };
 
 }  // namespace Zel

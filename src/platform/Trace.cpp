@@ -76,6 +76,10 @@ int TraceHandle::readLevel() const noexcept {
   return level;
 }
 
+bool TraceHandle::levelRead(int level) const noexcept {
+  return level_.load(std::memory_order_relaxed) != unread || level <= readLevel();
+}
+
 void TraceHandle::trace(int level, std::string_view text, char const* file, unsigned line,
                         char const* function) const {
   Sink& s = sink();
@@ -86,9 +90,9 @@ void TraceHandle::trace(int level, std::string_view text, char const* file, unsi
   out.flush();
 }
 
-void TraceHelper::start(TraceHandle const& handle, int level, char const* file, unsigned line,
-                        char const* function) {
-  line_ = new Line{{}, &handle, level, file, line, function};
+TraceHelper::Line* TraceHelper::start(TraceHandle const& handle, int level, char const* file,
+                                      unsigned line, char const* function) {
+  return new Line{{}, &handle, level, file, line, function};
 }
 
 void TraceHelper::finish() noexcept {
